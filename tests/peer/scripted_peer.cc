@@ -1,0 +1,245 @@
+#include "tests/peer/scripted_peer.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <chrono>
+
+namespace quarry_test {
+
+namespace {
+
+// How long a peer waits for the library before giving up on a step.
+constexpr int kStepTimeoutMs = 15000;
+constexpr int kPollSliceMs = 50;
+
+Step make(Step::Kind kind, std::string data = {}, size_t count = 0) {
+  Step step;
+  step.kind = kind;
+  step.data = std::move(data);
+  step.count = count;
+  return step;
+}
+
+int bind_socket(int type, bool ipv6, uint16_t *port) {
+  int fd = socket(ipv6 ? AF_INET6 : AF_INET, type | SOCK_CLOEXEC, 0);
+  if (fd < 0) return -1;
+  int one = 1;
+  setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof(one));
+  sockaddr_storage ss;
+  memset(&ss, 0, sizeof(ss));
+  socklen_t len;
+  if (ipv6) {
+    auto *a6 = reinterpret_cast<sockaddr_in6 *>(&ss);
+    a6->sin6_family = AF_INET6;
+    a6->sin6_addr = in6addr_loopback;
+    len = sizeof(*a6);
+  } else {
+    auto *a4 = reinterpret_cast<sockaddr_in *>(&ss);
+    a4->sin_family = AF_INET;
+    a4->sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    len = sizeof(*a4);
+  }
+  if (bind(fd, reinterpret_cast<sockaddr *>(&ss), len) != 0) {
+    close(fd);
+    return -1;
+  }
+  len = sizeof(ss);
+  getsockname(fd, reinterpret_cast<sockaddr *>(&ss), &len);
+  *port = ntohs(ipv6 ? reinterpret_cast<sockaddr_in6 *>(&ss)->sin6_port
+                     : reinterpret_cast<sockaddr_in *>(&ss)->sin_port);
+  return fd;
+}
+
+// Waits for |fd| to become readable; false on time-out or stop.
+bool wait_readable(int fd, const std::atomic<bool> &stop, int timeout_ms = kStepTimeoutMs) {
+  for (int waited = 0; waited < timeout_ms && !stop; waited += kPollSliceMs) {
+    pollfd pfd = {fd, POLLIN, 0};
+    int r = poll(&pfd, 1, kPollSliceMs);
+    if (r > 0) return true;
+    if (r < 0 && errno != EINTR) return false;
+  }
+  return false;
+}
+
+bool wait_until(const std::atomic<bool> &flag, int timeout_ms) {
+  auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
+  while (!flag) {
+    if (std::chrono::steady_clock::now() > deadline) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  return true;
+}
+
+}  // namespace
+
+Step read_until(const std::string &marker) { return make(Step::kReadUntil, marker); }
+Step read_bytes(size_t count) { return make(Step::kReadBytes, {}, count); }
+Step read_to_end() { return make(Step::kReadToEnd); }
+Step send_bytes(const std::string &data) { return make(Step::kSend, data); }
+Step sleep_ms(size_t ms) { return make(Step::kSleep, {}, ms); }
+Step close_conn() { return make(Step::kClose); }
+Step reset_conn() { return make(Step::kReset); }
+Step switch_port() { return make(Step::kSwitchPort); }
+
+// ---------------------------------------------------------------- TCP ----
+
+TcpPeer::TcpPeer(bool ipv6) {
+  listen_fd_ = bind_socket(SOCK_STREAM, ipv6, &port_);
+  if (listen_fd_ >= 0) listen(listen_fd_, 16);
+}
+
+TcpPeer::~TcpPeer() {
+  stop_ = true;
+  if (thread_.joinable()) thread_.join();
+  if (listen_fd_ >= 0) close(listen_fd_);
+}
+
+void TcpPeer::add(Script script) {
+  scripts_.push_back(std::move(script));
+  std::lock_guard<std::mutex> lock(mutex_);
+  received_.emplace_back();
+}
+
+void TcpPeer::start() { thread_ = std::thread(&TcpPeer::run, this); }
+
+bool TcpPeer::wait(int timeout_ms) { return wait_until(done_, timeout_ms); }
+
+std::string TcpPeer::received(size_t n) const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return n < received_.size() ? received_[n] : std::string();
+}
+
+size_t TcpPeer::connections() const { return scripts_.size(); }
+
+void TcpPeer::run() {
+  for (size_t i = 0; i < scripts_.size() && !stop_; ++i) {
+    if (!wait_readable(listen_fd_, stop_)) break;
+    int fd = accept4(listen_fd_, nullptr, nullptr, SOCK_CLOEXEC);
+    if (fd < 0) break;
+    play(fd, scripts_[i], i);
+  }
+  done_ = true;
+}
+
+void TcpPeer::play(int fd, const Script &script, size_t index) {
+  std::string got;
+  auto record = [&](const char *data, size_t n) {
+    got.append(data, n);
+    std::lock_guard<std::mutex> lock(mutex_);
+    received_[index].append(data, n);
+  };
+  // Reads once; false when the library closed or nothing came in time.
+  auto read_some = [&]() {
+    if (!wait_readable(fd, stop_)) return false;
+    char buf[4096];
+    ssize_t n = recv(fd, buf, sizeof(buf), 0);
+    if (n <= 0) return false;
+    record(buf, static_cast<size_t>(n));
+    return true;
+  };
+  size_t consumed = 0;
+  bool open = true;
+  for (const Step &step : script) {
+    if (!open || stop_) break;
+    switch (step.kind) {
+      case Step::kReadUntil: {
+        size_t at;
+        while ((at = got.find(step.data, consumed)) == std::string::npos) {
+          if (!read_some()) break;
+        }
+        at = got.find(step.data, consumed);
+        consumed = at == std::string::npos ? got.size() : at + step.data.size();
+        break;
+      }
+      case Step::kReadBytes:
+        while (got.size() < consumed + step.count) {
+          if (!read_some()) break;
+        }
+        consumed = std::min(got.size(), consumed + step.count);
+        break;
+      case Step::kReadToEnd:
+        while (read_some()) {
+        }
+        consumed = got.size();
+        break;
+      case Step::kSend:
+        send(fd, step.data.data(), step.data.size(), MSG_NOSIGNAL);
+        break;
+      case Step::kSleep:
+        std::this_thread::sleep_for(std::chrono::milliseconds(step.count));
+        break;
+      case Step::kClose:
+        open = false;
+        break;
+      case Step::kReset: {
+        linger lg = {1, 0};
+        setsockopt(fd, SOL_SOCKET, SO_LINGER, &lg, sizeof(lg));
+        open = false;
+        break;
+      }
+      case Step::kSwitchPort:
+        break;
+    }
+  }
+  close(fd);
+}
+
+// ---------------------------------------------------------------- UDP ----
+
+UdpPeer::UdpPeer(bool ipv6) : ipv6_(ipv6) { fd_ = bind_socket(SOCK_DGRAM, ipv6, &port_); }
+
+UdpPeer::~UdpPeer() {
+  stop_ = true;
+  if (thread_.joinable()) thread_.join();
+  if (fd_ >= 0) close(fd_);
+}
+
+void UdpPeer::set_script(Script script) { script_ = std::move(script); }
+
+void UdpPeer::start() { thread_ = std::thread(&UdpPeer::run, this); }
+
+bool UdpPeer::wait(int timeout_ms) { return wait_until(done_, timeout_ms); }
+
+std::vector<std::string> UdpPeer::datagrams() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return datagrams_;
+}
+
+void UdpPeer::run() {
+  int fd = fd_;
+  sockaddr_storage from;
+  socklen_t from_len = 0;
+  for (const Step &step : script_) {
+    if (stop_) break;
+    if (step.kind == Step::kReadBytes || step.kind == Step::kReadUntil) {
+      if (!wait_readable(fd, stop_)) break;
+      char buf[65536];
+      from_len = sizeof(from);
+      ssize_t n = recvfrom(fd, buf, sizeof(buf), 0, reinterpret_cast<sockaddr *>(&from), &from_len);
+      if (n < 0) break;
+      std::lock_guard<std::mutex> lock(mutex_);
+      datagrams_.emplace_back(buf, static_cast<size_t>(n));
+    } else if (step.kind == Step::kSend) {
+      if (from_len == 0) continue;
+      sendto(fd, step.data.data(), step.data.size(), 0, reinterpret_cast<sockaddr *>(&from),
+             from_len);
+    } else if (step.kind == Step::kSleep) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(step.count));
+    } else if (step.kind == Step::kSwitchPort) {
+      uint16_t unused;
+      int fresh = bind_socket(SOCK_DGRAM, ipv6_, &unused);
+      if (fresh < 0) break;
+      if (fd != fd_) close(fd);
+      fd = fresh;
+    }
+  }
+  if (fd != fd_) close(fd);
+  done_ = true;
+}
+
+}  // namespace quarry_test
