@@ -5,6 +5,7 @@
 
 #include <pthread.h>
 #include <stddef.h>
+#include <string.h>
 
 #include "quarry.h"
 #include "quarry_internal.h"
@@ -74,6 +75,15 @@ void cfg_read_text(char (dl_config::*field)[N], char *dst, size_t dst_len) {
   size_t i = 0;
   for (; i + 1 < dst_len && i < N && src[i] != '\0'; ++i) dst[i] = src[i];
   dst[i] = '\0';
+}
+
+// strncpy's contract for fixed fields: at most |count| bytes copied, the
+// rest zero-filled, no terminator when the text fills the field. Spelled
+// out so that compilers do not flag the intended truncation.
+inline void copy_text_field(char *dst, const char *src, size_t count) {
+  size_t n = strnlen(src, count);
+  memcpy(dst, src, n);
+  memset(dst + n, 0, count - n);
 }
 
 // Fills |err| with |code| and the code's text; a null |err| is ignored.

@@ -25,9 +25,9 @@ constexpr uint16_t kDefaultAuthRetryLimit = 2;
 constexpr int kDefaultResolvSeq[] = {1, 2};
 
 void write_defaults() {
-  strncpy(g_dl_cfg.config_path_prefix, kDefaultPathPrefix, sizeof(g_dl_cfg.config_path_prefix) - 1);
-  strncpy(g_dl_cfg.user_agent, kDefaultUserAgent, sizeof(g_dl_cfg.user_agent));
-  strncpy(g_dl_cfg.tmp_dir, kDefaultTmpDir, sizeof(g_dl_cfg.tmp_dir));
+  quarry::copy_text_field(g_dl_cfg.config_path_prefix, kDefaultPathPrefix, sizeof(g_dl_cfg.config_path_prefix) - 1);
+  quarry::copy_text_field(g_dl_cfg.user_agent, kDefaultUserAgent, sizeof(g_dl_cfg.user_agent));
+  quarry::copy_text_field(g_dl_cfg.tmp_dir, kDefaultTmpDir, sizeof(g_dl_cfg.tmp_dir));
   g_dl_cfg.max_file_size = kDefaultMaxFileSize;
   g_dl_cfg.max_redirects = kDefaultMaxRedirects;
   g_dl_cfg.timeout_s = kDefaultTimeoutSeconds;
@@ -40,7 +40,7 @@ void write_defaults() {
 void load_resolver_files() {
   dns_ctx_init();
 
-  strncpy(g_dl_cfg.resolv_conf_path, kDefaultResolvConf, sizeof(g_dl_cfg.resolv_conf_path));
+  quarry::copy_text_field(g_dl_cfg.resolv_conf_path, kDefaultResolvConf, sizeof(g_dl_cfg.resolv_conf_path));
   {
     quarry::MutexGuard lock(&g_dl_cfg.resolv_lock);
     time_t mtime = 0;
@@ -50,7 +50,7 @@ void load_resolver_files() {
     dns_load_resolv_conf(g_dl_cfg.resolv_conf_path);
   }
 
-  strncpy(g_dl_cfg.hosts_path, kDefaultHosts, sizeof(g_dl_cfg.hosts_path));
+  quarry::copy_text_field(g_dl_cfg.hosts_path, kDefaultHosts, sizeof(g_dl_cfg.hosts_path));
   {
     quarry::MutexGuard lock(&g_dl_cfg.hosts_lock);
     time_t mtime = 0;

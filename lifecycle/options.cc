@@ -20,7 +20,7 @@ uint32_t number_of(const void *value) {
 // that fills it is left unterminated, as callers have always had it.
 template <size_t N>
 void store_text(char (&field)[N], const void *value, size_t count = N) {
-  strncpy(field, static_cast<const char *>(value), count);
+  quarry::copy_text_field(field, static_cast<const char *>(value), count);
 }
 
 int store_path(char (&field)[DL_PATH_MAX_LEN], const void *value, const char *too_long_line) {
@@ -156,8 +156,7 @@ bool is_number_option(int id) {
 // full-length text left unterminated.
 template <size_t N>
 void copy_out(char *buf, size_t len, const char (&field)[N]) {
-  size_t n = strnlen(field, N);
-  if (n > len) n = len;
+  size_t n = strnlen(field, N < len ? N : len);
   memcpy(buf, field, n);
   memset(buf + n, 0, len - n);
 }
