@@ -268,8 +268,13 @@ typedef struct dl_request {
   char *proxy;
 } dl_request;
 
-/* A streaming download, from dl_open until dl_close. */
-typedef struct dl_handle dl_handle;
+/* A streaming download, from dl_open until dl_close: the URL's scheme code
+ * (DL_SCHEME_*) and the protocol client's own handle (dl_http_conn for
+ * HTTP and HTTPS, dl_tftp_conn, dl_ftp_conn). Read only for callers. */
+typedef struct dl_handle {
+  uint32_t scheme;
+  void *proto;
+} dl_handle;
 
 /* dl_open starts a streaming download of |req|->url by its scheme's
  * client; |redirect_out| (512 bytes) receives a redirect target and is

@@ -1,32 +1,221 @@
-// quarry: the library's command-line front end.
+// quarry: fetch and send files by URL through libquarry.
+//
+//   quarry get URL [-o FILE]
+//   quarry put FILE URL [--header 'Name: value'] [--put] [--name REMOTE]
+//   quarry version | quarry error CODE
+// Options for get and put: --user U, --password P, --proxy URL,
+// --set NAME=VALUE (any library option by name), -v (library log on
+// standard error at debug level).
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <unistd.h>
+
+#include <string>
+#include <vector>
 
 #include "quarry.h"
+#include "tools/cli_options.h"
+#include "tools/progress.h"
 
 namespace {
 
+constexpr int kExitUsage = 2;
+constexpr size_t kRedirectSize = 512;
+constexpr int kReadChunk = 16384;
+
 int usage() {
   fprintf(stderr,
-          "usage: quarry version\n"
-          "       quarry error CODE\n");
-  return 2;
+          "usage: quarry get URL [-o FILE] [options]\n"
+          "       quarry put FILE URL [--header 'Name: value'] [--put] [--name REMOTE] [options]\n"
+          "       quarry version\n"
+          "       quarry error CODE\n"
+          "options: --user U  --password P  --proxy URL  --set NAME=VALUE  -v\n"
+          "settings for --set: %s\n",
+          quarry_cli::option_names().c_str());
+  return kExitUsage;
+}
+
+struct Args {
+  std::string command;
+  std::vector<std::string> positional;
+  std::string output;
+  std::string user;
+  std::string password;
+  std::string proxy;
+  std::string remote_name;
+  std::string headers;  // extra header lines, each ending in CRLF
+  std::vector<std::string> settings;
+  bool put = false;
+  bool verbose = false;
+};
+
+bool parse_args(int argc, char **argv, Args *args) {
+  if (argc < 2) return false;
+  args->command = argv[1];
+  for (int i = 2; i < argc; ++i) {
+    std::string arg = argv[i];
+    auto value = [&](std::string *out) {
+      if (i + 1 >= argc) return false;
+      *out = argv[++i];
+      return true;
+    };
+    if (arg == "-o" || arg == "--output") {
+      if (!value(&args->output)) return false;
+    } else if (arg == "--user") {
+      if (!value(&args->user)) return false;
+    } else if (arg == "--password") {
+      if (!value(&args->password)) return false;
+    } else if (arg == "--proxy") {
+      if (!value(&args->proxy)) return false;
+    } else if (arg == "--name") {
+      if (!value(&args->remote_name)) return false;
+    } else if (arg == "--header") {
+      std::string header;
+      if (!value(&header)) return false;
+      args->headers += header + "\r\n";
+    } else if (arg == "--set") {
+      std::string setting;
+      if (!value(&setting)) return false;
+      args->settings.push_back(setting);
+    } else if (arg == "--put") {
+      args->put = true;
+    } else if (arg == "-v" || arg == "--verbose") {
+      args->verbose = true;
+    } else if (!arg.empty() && arg[0] == '-') {
+      fprintf(stderr, "quarry: unknown option %s\n", arg.c_str());
+      return false;
+    } else {
+      args->positional.push_back(arg);
+    }
+  }
+  return true;
+}
+
+int report_failure(const dl_error &err) {
+  int code = err.code != 0 ? err.code : DL_ERR_FAIL;
+  char text[256];
+  dl_get_error_string(code, text, sizeof(text));
+  fprintf(stderr, "quarry: failed: %d %s\n", code, err.msg[0] != '\0' ? err.msg : text);
+  return 1;
+}
+
+void set_up_library(const Args &args) {
+  dl_config_init();
+  if (args.verbose) {
+    dl_log_new_init(DL_LOG_TYPE_FILE, 0, "/dev/stderr");
+    dl_set_log_level(0);
+  } else {
+    dl_log_init(0);
+  }
+}
+
+dl_request make_request(const Args &args, const std::string &url) {
+  dl_request req;
+  req.url = const_cast<char *>(url.c_str());
+  req.user = args.user.empty() ? nullptr : const_cast<char *>(args.user.c_str());
+  req.password = args.password.empty() ? nullptr : const_cast<char *>(args.password.c_str());
+  req.proxy = args.proxy.empty() ? nullptr : const_cast<char *>(args.proxy.c_str());
+  return req;
+}
+
+// The body's length when the server announced one, for the progress bar.
+long long announced_length(dl_handle *h) {
+  if (h->scheme != DL_SCHEME_HTTP && h->scheme != DL_SCHEME_HTTPS) return -1;
+  const char *line =
+      dl_http_find_header_by_name(static_cast<dl_http_conn *>(h->proto), "content-length");
+  if (line == nullptr) return -1;
+  const char *colon = strchr(line, ':');
+  return colon != nullptr ? atoll(colon + 1) : -1;
+}
+
+// Streams the download to standard output through dl_open/dl_read.
+int stream_to_stdout(const Args &args, const std::string &url) {
+  dl_request req = make_request(args, url);
+  char redirect[kRedirectSize] = "";
+  dl_error err = {};
+  dl_handle *h = nullptr;
+  if (dl_open(&req, &h, redirect, &err) != 0) return report_failure(err);
+  quarry_cli::Progress progress(announced_length(h));
+  std::vector<char> buf(kReadChunk);
+  int result = 0;
+  for (;;) {
+    int n = dl_read(h, buf.data(), kReadChunk, &err);
+    if (n == 0) break;
+    if (n < 0) {
+      result = report_failure(err);
+      break;
+    }
+    if (fwrite(buf.data(), 1, static_cast<size_t>(n), stdout) != static_cast<size_t>(n)) {
+      perror("quarry: write");
+      result = 1;
+      break;
+    }
+    progress.advance(n);
+  }
+  progress.finish();
+  dl_close(h);
+  fflush(stdout);
+  return result;
+}
+
+int run_get(const Args &args) {
+  if (args.positional.size() != 1) return usage();
+  const std::string &url = args.positional[0];
+  if (args.output.empty()) return stream_to_stdout(args, url);
+  dl_request req = make_request(args, url);
+  char redirect[kRedirectSize] = "";
+  dl_error err = {};
+  if (dl_download(&req, args.output.c_str(), redirect, &err) != 0) return report_failure(err);
+  if (redirect[0] != '\0') fprintf(stderr, "quarry: redirected to %s\n", redirect);
+  fprintf(stderr, "quarry: saved %s\n", args.output.c_str());
+  return 0;
+}
+
+int run_put(const Args &args) {
+  if (args.positional.size() != 2) return usage();
+  const std::string &file = args.positional[0];
+  const std::string &url = args.positional[1];
+  dl_request req = make_request(args, url);
+  char redirect[kRedirectSize] = "";
+  dl_error err = {};
+  int mode = args.put ? DL_HTTP_PUT : DL_HTTP_POST;
+  const char *remote = args.remote_name.empty() ? nullptr : args.remote_name.c_str();
+  if (dl_upload(&req, file.c_str(), remote, redirect, &err, args.headers.c_str(), mode, 0) != 0) {
+    return report_failure(err);
+  }
+  fprintf(stderr, "quarry: sent %s\n", file.c_str());
+  return 0;
 }
 
 }  // namespace
 
 int main(int argc, char **argv) {
-  if (argc < 2) return usage();
-  if (strcmp(argv[1], "version") == 0) {
+  Args args;
+  if (!parse_args(argc, argv, &args)) return usage();
+  if (args.command == "version") {
     printf("libquarry %s\n", dl_get_version());
     return 0;
   }
-  if (strcmp(argv[1], "error") == 0 && argc == 3) {
+  if (args.command == "error") {
+    if (args.positional.size() != 1) return usage();
     char text[256];
-    dl_get_error_string(atoi(argv[2]), text, sizeof(text));
+    dl_get_error_string(atoi(args.positional[0].c_str()), text, sizeof(text));
     printf("%s\n", text);
     return 0;
   }
-  return usage();
+  if (args.command != "get" && args.command != "put") return usage();
+
+  set_up_library(args);
+  for (const std::string &setting : args.settings) {
+    std::string problem;
+    if (!quarry_cli::apply_setting(setting, &problem)) {
+      fprintf(stderr, "quarry: --set %s: %s\n", setting.c_str(), problem.c_str());
+      dl_exit();
+      return kExitUsage;
+    }
+  }
+  int status = args.command == "get" ? run_get(args) : run_put(args);
+  dl_exit();
+  return status;
 }
