@@ -404,8 +404,9 @@ DL_EXPORT int dl_path_is_directory(const char *path);
 /* dl_get_str_cmd runs "/boot/bin/cfgserver |arg1| |arg2|" and reads at
  * most one line of its output, newline kept, into |buf| with room |n|;
  * |buf| is left as it was when the tool prints nothing. The arguments are
- * not quoted: pass plain words only. Returns 0, or -1 when the command
- * cannot be started. Nothing to free. */
+ * not quoted: pass plain words only. Returns 0, or -1 when an argument is
+ * NULL, |n| is below 1 or the command cannot be started. Nothing to
+ * free. */
 DL_EXPORT int dl_get_str_cmd(const char *arg1, const char *arg2, char *buf, int n);
 
 /* ===================================================================== */

@@ -76,8 +76,8 @@ DL_EXPORT int url_rebuild(const dl_request *request, dl_http_param *out,
                           const dl_url_parts *parts);
 
 /* scheme_default_port returns the default port of row |index| of the HTTP
- * scheme table (0 http: 80, 1 https: 443, 2 end: -1). The index is not
- * range-checked. Nothing to free. */
+ * scheme table (0 http: 80, 1 https: 443, 2 end: -1); an index past the
+ * end row is logged and gives -1 too. Nothing to free. */
 DL_EXPORT int scheme_default_port(unsigned index);
 
 /* ===================================================================== */
