@@ -218,7 +218,7 @@ TEST(NginxServerTest, ServesStaticFile) {
 
 TEST(NginxServerTest, ServesOverIpv6) {
   QUARRY_USE_SERVER(nginx, "nginx");
-  if (!nginx.ipv6()) GTEST_SKIP() << "no ::1 on this machine";
+  QUARRY_REQUIRE_IPV6(nginx);
   std::string reply = http_exchange(nginx.port("http"), get_request("/files/hello.txt"), true);
   EXPECT_TRUE(starts_with(reply, "HTTP/1.1 200 OK\r\n")) << reply;
 }
@@ -407,7 +407,7 @@ TEST(VsftpdServerTest, GreetsOnIpv4) {
 
 TEST(VsftpdServerTest, GreetsOnIpv6) {
   QUARRY_USE_SERVER(ftp, "vsftpd");
-  if (!ftp.ipv6()) GTEST_SKIP() << "no ::1 on this machine";
+  QUARRY_REQUIRE_IPV6(ftp);
   Socket s(connect_loopback(true, ftp.port("ftp6")));
   ASSERT_TRUE(s.valid());
   EXPECT_EQ(read_until(s.get(), "\r\n"), "220 test ftp ready\r\n");
@@ -483,7 +483,7 @@ TEST(TftpdServerTest, ReadRequestGetsFirstDataBlock) {
 
 TEST(TftpdServerTest, ReadRequestOverIpv6GetsData) {
   QUARRY_USE_SERVER(tftp, "tftpd");
-  if (!tftp.ipv6()) GTEST_SKIP() << "no ::1 on this machine";
+  QUARRY_REQUIRE_IPV6(tftp);
   sockaddr_storage from{};
   std::string reply = udp_exchange(true, tftp.port("tftp6"), tftp_rrq("hello.txt"), &from);
   EXPECT_EQ(reply, std::string("\0\3\0\1tftp hello\n", 15));
@@ -558,7 +558,7 @@ TEST(DnsmasqServerTest, AnswersAddressQuery) {
 
 TEST(DnsmasqServerTest, AnswersIpv6AddressQueryOverIpv6) {
   QUARRY_USE_SERVER(dns, "dnsmasq");
-  if (!dns.ipv6()) GTEST_SKIP() << "no ::1 on this machine";
+  QUARRY_REQUIRE_IPV6(dns);
   DnsReply reply = dns_ask(true, dns.port("dns"), "prov.phone.test", kTypeAaaa);
   ASSERT_TRUE(reply.valid);
   EXPECT_EQ(reply.answers, 1);

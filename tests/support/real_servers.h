@@ -10,11 +10,12 @@
 // in the environment, as in CI, every such case fails instead. A server that
 // is there but does not start always fails.
 //
-//   TEST(HttpReal, GetsStaticFile) {
-//     QUARRY_USE_SERVER(nginx, "nginx");
+//   TEST(HttpRealTest, GetsStaticFile) {
+//     QUARRY_USE_SERVER(nginx, "nginx");   // started once per process
 //     std::string url = nginx.url("http", "/files/hello.txt");
 //     ...
 //   }
+// Label such tests "real" (quarry_add_test(... LABELS real)).
 #ifndef QUARRY_TESTS_SUPPORT_REAL_SERVERS_H
 #define QUARRY_TESTS_SUPPORT_REAL_SERVERS_H
 
@@ -154,6 +155,16 @@ const std::string &test_pki_dir();
     if (!::quarry_test::running_as_root()) {                                    \
       if (::quarry_test::servers_required()) FAIL() << "this test needs root";  \
       GTEST_SKIP() << "this test needs root";                                   \
+    }                                                                           \
+  } while (0)
+
+// Skips the current test when |server| does not listen on ::1 (a machine
+// without IPv6 on loopback); fails instead when QUARRY_REQUIRE_SERVERS=1.
+#define QUARRY_REQUIRE_IPV6(server)                                             \
+  do {                                                                          \
+    if (!(server).ipv6()) {                                                     \
+      if (::quarry_test::servers_required()) FAIL() << "no ::1 on loopback";    \
+      GTEST_SKIP() << "no ::1 on loopback";                                     \
     }                                                                           \
   } while (0)
 
