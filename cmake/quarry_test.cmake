@@ -9,7 +9,7 @@ function(quarry_add_test name)
   target_compile_options(${name} PRIVATE ${QUARRY_WARNINGS})
   target_compile_definitions(${name} PRIVATE OPENSSL_SUPPRESS_DEPRECATED _GNU_SOURCE
       QUARRY_SOURCE_DIR="${PROJECT_SOURCE_DIR}" QUARRY_BINARY_DIR="${PROJECT_BINARY_DIR}")
-  target_link_libraries(${name} PRIVATE quarry_static quarry_testkit ${QT_LIBS}
+  target_link_libraries(${name} PRIVATE quarry_testkit quarry_static ${QT_LIBS}
       GTest::gtest GTest::gmock GTest::gtest_main)
   add_test(NAME ${name} COMMAND ${name})
   set_tests_properties(${name} PROPERTIES TIMEOUT 300)

@@ -1,19 +1,74 @@
-#!/usr/bin/env bash
-# Installs, when missing, the Debian packages the build and the tests need.
-set -euo pipefail
+#!/bin/bash
+# Installs, as root, every Debian package the build and the tests need:
+# the toolchain and libraries, and the third-party servers the real-server
+# tests start on loopback. Does nothing when everything is there already.
+set -u
 
-PACKAGES=(cmake g++ make pkg-config libssl-dev openssl googletest libgtest-dev libgmock-dev
-          libbenchmark-dev python3 util-linux iproute2)
+BUILD_PACKAGES=(
+  cmake g++ make pkg-config libssl-dev
+  googletest libgtest-dev libgmock-dev libbenchmark-dev
+  python3 openssl util-linux iproute2
+)
+SERVER_PACKAGES=(
+  nginx-light apache2 apache2-utils lighttpd vsftpd
+  tftpd-hpa tftp-hpa dnsmasq-base dnsutils netcat-openbsd
+)
+
+log() { echo "install-deps: $*"; }
+
+installed() {
+  [ "$(dpkg-query -W -f='${Status}' "$1" 2>/dev/null)" = "install ok installed" ]
+}
 
 missing=()
-for p in "${PACKAGES[@]}"; do
-  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
+for p in "${BUILD_PACKAGES[@]}" "${SERVER_PACKAGES[@]}"; do
+  installed "$p" || missing+=("$p")
 done
-[ ${#missing[@]} -eq 0 ] && exit 0
-if [ "$(id -u)" != 0 ]; then
-  echo "missing packages (run as root to install): ${missing[*]}" >&2
+if [ ${#missing[@]} -eq 0 ]; then
+  log "all packages present"
+  exit 0
+fi
+log "missing: ${missing[*]}"
+
+if [ "$(id -u)" -ne 0 ]; then
+  log "must run as root to install them" >&2
   exit 1
 fi
 export DEBIAN_FRONTEND=noninteractive
-apt-get update || apt-get update || true
-apt-get install -y --no-install-recommends "${missing[@]}"
+
+# Package scripts must not start the system copies of the servers: they
+# would take the standard ports and outlive the tests.
+POLICY=/usr/sbin/policy-rc.d
+own_policy=0
+if [ ! -e "$POLICY" ]; then
+  printf '#!/bin/sh\nexit 101\n' > "$POLICY" && chmod 755 "$POLICY" && own_policy=1
+fi
+cleanup() { [ "$own_policy" = 1 ] && rm -f "$POLICY"; }
+trap cleanup EXIT
+
+have_lists() { compgen -G '/var/lib/apt/lists/*_Packages*' > /dev/null; }
+
+# A mirror in mid-sync can make one index fail; the rest is still usable.
+if ! apt-get update; then
+  log "apt-get update failed, retrying once"
+  sleep 5
+  if ! apt-get update; then
+    if have_lists; then
+      log "apt-get update failed again; going on with the package lists there are"
+    else
+      log "apt-get update failed and there are no package lists" >&2
+      exit 1
+    fi
+  fi
+fi
+
+install_missing() {
+  apt-get install -y --no-install-recommends "${missing[@]}"
+}
+if ! install_missing; then
+  log "apt-get install failed, retrying once"
+  sleep 5
+  apt-get update || true
+  install_missing || { log "apt-get install failed" >&2; exit 1; }
+fi
+log "installed: ${missing[*]}"
