@@ -428,8 +428,9 @@ DL_EXPORT struct addrinfo *dl_look_up_host(const char *host, int ipv6, int sockt
 
 /* dl_select waits up to |timeout_s| seconds until |fd| is readable (bit 0
  * of |mode|) or writable (bit 1), retrying on EINTR. Returns select's
- * result: > 0 ready, 0 timed out, < 0 failed. Logs nothing. Nothing to
- * free. */
+ * result: > 0 ready, 0 timed out, < 0 failed (-1 with errno EBADF for a
+ * negative |fd|, EINVAL for one of FD_SETSIZE or above). Logs nothing.
+ * Nothing to free. */
 DL_EXPORT int dl_select(int fd, int mode, int timeout_s);
 
 /* ===================================================================== */

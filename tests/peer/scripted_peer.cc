@@ -9,6 +9,8 @@
 
 #include <chrono>
 
+#include "tests/peer/listener.h"
+
 namespace quarry_test {
 
 namespace {
@@ -23,36 +25,6 @@ Step make(Step::Kind kind, std::string data = {}, size_t count = 0) {
   step.data = std::move(data);
   step.count = count;
   return step;
-}
-
-int bind_socket(int type, bool ipv6, uint16_t *port) {
-  int fd = socket(ipv6 ? AF_INET6 : AF_INET, type | SOCK_CLOEXEC, 0);
-  if (fd < 0) return -1;
-  int one = 1;
-  setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof(one));
-  sockaddr_storage ss;
-  memset(&ss, 0, sizeof(ss));
-  socklen_t len;
-  if (ipv6) {
-    auto *a6 = reinterpret_cast<sockaddr_in6 *>(&ss);
-    a6->sin6_family = AF_INET6;
-    a6->sin6_addr = in6addr_loopback;
-    len = sizeof(*a6);
-  } else {
-    auto *a4 = reinterpret_cast<sockaddr_in *>(&ss);
-    a4->sin_family = AF_INET;
-    a4->sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    len = sizeof(*a4);
-  }
-  if (bind(fd, reinterpret_cast<sockaddr *>(&ss), len) != 0) {
-    close(fd);
-    return -1;
-  }
-  len = sizeof(ss);
-  getsockname(fd, reinterpret_cast<sockaddr *>(&ss), &len);
-  *port = ntohs(ipv6 ? reinterpret_cast<sockaddr_in6 *>(&ss)->sin6_port
-                     : reinterpret_cast<sockaddr_in *>(&ss)->sin_port);
-  return fd;
 }
 
 // Waits for |fd| to become readable; false on time-out or stop.
@@ -89,7 +61,7 @@ Step switch_port() { return make(Step::kSwitchPort); }
 // ---------------------------------------------------------------- TCP ----
 
 TcpPeer::TcpPeer(bool ipv6) {
-  listen_fd_ = bind_socket(SOCK_STREAM, ipv6, &port_);
+  listen_fd_ = bind_loopback(SOCK_STREAM, ipv6, &port_);
   if (listen_fd_ >= 0) listen(listen_fd_, 16);
 }
 
@@ -191,7 +163,7 @@ void TcpPeer::play(int fd, const Script &script, size_t index) {
 
 // ---------------------------------------------------------------- UDP ----
 
-UdpPeer::UdpPeer(bool ipv6) : ipv6_(ipv6) { fd_ = bind_socket(SOCK_DGRAM, ipv6, &port_); }
+UdpPeer::UdpPeer(bool ipv6) : ipv6_(ipv6) { fd_ = bind_loopback(SOCK_DGRAM, ipv6, &port_); }
 
 UdpPeer::~UdpPeer() {
   stop_ = true;
@@ -231,8 +203,8 @@ void UdpPeer::run() {
     } else if (step.kind == Step::kSleep) {
       std::this_thread::sleep_for(std::chrono::milliseconds(step.count));
     } else if (step.kind == Step::kSwitchPort) {
-      uint16_t unused;
-      int fresh = bind_socket(SOCK_DGRAM, ipv6_, &unused);
+      uint16_t unused = 0;
+      int fresh = bind_loopback(SOCK_DGRAM, ipv6_, &unused);
       if (fresh < 0) break;
       if (fd != fd_) close(fd);
       fd = fresh;
