@@ -429,38 +429,40 @@ typedef struct dl_http_auth_pick dl_http_auth_pick;
 
 /* Curl_input_auth parses the challenge |value| of a www-authenticate
  * header (proxy-authenticate when |proxy| is nonzero) into |state|.
- * Returns DL_AUTH_FINE, or DL_AUTH_NONE, DL_AUTH_BAD, DL_AUTH_BADALGO or
- * DL_AUTH_NOMEM. The digest texts belong to |state|; free them with
- * Curl_digest_cleanup_one. */
+ * Returns DL_AUTH_FINE, or DL_AUTH_NONE (also for a NULL argument),
+ * DL_AUTH_BAD, DL_AUTH_BADALGO or DL_AUTH_NOMEM. The digest texts belong
+ * to |state|; free them with Curl_digest_cleanup_one. */
 DL_EXPORT int Curl_input_auth(dl_http_auth *state, int proxy, const char *value);
 
 /* Curl_output_auth builds the Basic or Digest authorization line
  * ("...\r\n") for the picked scheme, |method| and |uri| into |state|,
  * replacing the previous one. Returns 0, 2 when no scheme it handles was
- * picked, or 27 when memory runs out. |state| owns the line; the caller
- * frees it. */
+ * picked or |state| is NULL, or 27 when memory runs out. |state| owns the
+ * line; the caller frees it. */
 DL_EXPORT int Curl_output_auth(dl_http_auth *state, int proxy, const char *method,
                                const char *uri);
 
 /* Curl_output_digest builds the Digest authorization line into |state|;
- * without a nonce it builds nothing. Returns 0, or 27 when memory runs
- * out. |state| owns the line; the caller frees it. */
+ * without a nonce it builds nothing. Returns 0, 2 for a NULL argument, or
+ * 27 when memory runs out. |state| owns the line; the caller frees it. */
 DL_EXPORT int Curl_output_digest(dl_http_auth *state, int proxy, const char *method,
                                  const char *uri);
 
 /* Curl_output_xsi_auth builds the BroadWorksSIP authorization line into
- * |state|. Returns 0, 2 when the picked scheme is not Basic, or 27 for an
- * empty encoding or no memory. |state| owns the line; the caller frees
- * it. */
+ * |state|. Returns 0, 2 when the picked scheme is not Basic or |state| is
+ * NULL, or 27 for an empty encoding or no memory. |state| owns the line;
+ * the caller frees it. */
 DL_EXPORT int Curl_output_xsi_auth(dl_http_auth *state);
 
 /* Curl_digest_cleanup_one frees the texts of |digest| and zeroes its nonce
- * count, algorithm and stale flag. Nothing is left to free. */
+ * count, algorithm and stale flag; a NULL |digest| is only logged. Nothing
+ * is left to free. */
 DL_EXPORT void Curl_digest_cleanup_one(dl_http_digest *digest);
 
 /* get_all_qop_content widens an unquoted qop |value| (a 1024-byte buffer)
- * that was scanned for |key| to the whole comma list that follows it in
- * |rest|. Returns 0, or -1 for a NULL argument. Nothing to free. */
+ * that was scanned for |key| from |rest| ("key=value...") to the whole
+ * comma list that follows it there. Returns 0, or -1 for a NULL argument
+ * or a |rest| that does not start with that key=value. Nothing to free. */
 DL_EXPORT int get_all_qop_content(const char *rest, const char *key, char *value);
 
 /* ===================================================================== */

@@ -1,0 +1,96 @@
+// http/: the HTTP client. This header holds the records every part of the
+// client shares: the connection handle, the request being built with its
+// header list and body, and the de-chunking buffer; plus the few helpers
+// the open flow calls that are not named functions of their own.
+// The named functions themselves are declared in quarry_internal.h.
+#ifndef QUARRY_HTTP_HTTP_CONN_H
+#define QUARRY_HTTP_HTTP_CONN_H
+
+#include <stdint.h>
+#include <stdio.h>
+
+#include "quarry.h"
+#include "quarry_internal.h"
+
+// Decoded bytes of a chunked body waiting to be handed out front-first.
+struct dl_http_chunk {
+  uint8_t *data;
+  uint32_t fill;      // decoded bytes not yet handed out
+  uint32_t capacity;  // bytes allocated at data
+  int32_t last;       // 1 once the zero-size chunk has been read
+};
+
+// One open exchange. Zero-filled on allocation; magic marks it live.
+// Callers rely on this layout: keep the order and the widths.
+struct dl_http_conn {
+  int32_t magic;
+  int32_t sock;  // 0: none
+  struct ssl_st *ssl;
+  struct ssl_ctx_st *ssl_ctx;
+  uint32_t flags;      // DL_HTTP_*
+  uint32_t remaining;  // body bytes still expected when not chunked
+  dl_http_chunk *chunk;
+  char *headers;  // response header block, lines each ended by a NUL
+  uint32_t headers_len;
+};
+
+// A request header; ownership (DL_HDR_OWN_*) says which text is freed.
+struct dl_http_header {
+  const char *name;
+  const char *value;
+  int32_t ownership;
+};
+
+// What is sent after the header block: head, then the file, then tail.
+struct dl_http_body {
+  const char *text;  // borrowed
+  const char *path;  // borrowed
+  char *head;
+  uint32_t head_len;
+  char *tail;  // no terminating NUL
+  int32_t tail_len;
+  FILE *file;
+  int32_t total;  // head_len + file size + tail_len: the Content-Length
+};
+
+struct dl_http_request {
+  const char *method;  // static text
+  char *request_line;
+  dl_http_header *headers;
+  int32_t count;
+  int32_t capacity;
+  const char *extra;  // borrowed; each line ends in "\r\n"
+  dl_http_body *body;
+  int32_t mode;               // DL_EX_*
+  const dl_http_cred *creds;  // borrowed
+  int32_t creds_bytes;
+  int32_t creds_count;
+  int32_t creds_next;
+};
+
+namespace quarry {
+
+// Size the response header block starts at, and the room kept free
+// before each line is read into it.
+constexpr uint32_t kHeaderBlockStart = 2048;
+
+// Reads the header block that follows a status line of |status| into the
+// handle (freeing the previous block; |*block_size| is the block's size
+// and grows as needed, carried over between responses) and sets the
+// framing flags and the remaining count. Returns 0 or a negative code.
+int http_read_headers(dl_http_conn *conn, int status, uint32_t *block_size);
+
+// Sets the "Host" header for |url|'s host and port: the host alone on the
+// scheme's default port, "host:port" otherwise, IPv6 hosts in brackets.
+// Returns 0, DL_ERR_NOMEM when the text could not be made, or the code of
+// http_set_header.
+int http_set_host(dl_http_request *req, const dl_url *url);
+
+// Whether |conn| is a live handle.
+inline bool http_conn_live(const dl_http_conn *conn) {
+  return conn != nullptr && conn->magic == DL_HTTP_MAGIC;
+}
+
+}  // namespace quarry
+
+#endif  // QUARRY_HTTP_HTTP_CONN_H
