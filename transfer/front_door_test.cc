@@ -145,4 +145,77 @@ TEST_F(FrontDoor, FtpUploadFormsTargetFromUrlDirectory) {
   EXPECT_TRUE(logged(6, "Uplaod path without filename is /cfg/x.cfg \n"));
 }
 
+TEST_F(FrontDoor, UrlWithoutSchemeGoesToTheTftpClient) {
+  dl_request req = request("127.0.0.1/boot/cfg.txt");
+  EXPECT_EQ(dl_download(&req, "/tmp/quarry-never-written", redirect_, &err_), -1);
+  EXPECT_TRUE(capture_->has(4, 3, "TFTP client not available\n"));
+}
+
+std::string http_ok(const std::string &body) {
+  return "HTTP/1.1 200 OK\r\nContent-Length: " + std::to_string(body.size()) +
+         "\r\nConnection: close\r\n\r\n" + body;
+}
+
+TEST_F(FrontDoor, HttpDownloadSavesBodyAndSendsNoLogin) {
+  quarry_test::TcpPeer peer;
+  peer.add({quarry_test::read_until("\r\n\r\n"), quarry_test::send_bytes(http_ok("payload")),
+            quarry_test::close_conn()});
+  peer.start();
+  quarry_test::TempDir dir;
+  std::string url =
+      "http://bob:pw@127.0.0.1:" + std::to_string(peer.port()) + "/dir/f.bin";
+  dl_request req = request(url.c_str());
+  ASSERT_EQ(dl_download(&req, dir.file("f.bin").c_str(), redirect_, &err_), 0) << err_.msg;
+  EXPECT_EQ(quarry_test::read_file(dir.file("f.bin")), "payload");
+  ASSERT_TRUE(peer.wait());
+  std::string sent = peer.received(0);
+  EXPECT_EQ(sent.rfind("GET /dir/f.bin HTTP/1.1\r\n", 0), 0u) << sent;
+  EXPECT_EQ(sent.find("bob"), std::string::npos);
+}
+
+TEST_F(FrontDoor, HttpStreamReadsTheWholeBody) {
+  quarry_test::TcpPeer peer;
+  peer.add({quarry_test::read_until("\r\n\r\n"), quarry_test::send_bytes(http_ok("0123456789")),
+            quarry_test::close_conn()});
+  peer.start();
+  std::string url = "http://127.0.0.1:" + std::to_string(peer.port()) + "/s";
+  dl_request req = request(url.c_str());
+  dl_handle *h = nullptr;
+  ASSERT_EQ(dl_open(&req, &h, redirect_, &err_), 0) << err_.msg;
+  ASSERT_NE(h, nullptr);
+  EXPECT_EQ(h->scheme, static_cast<uint32_t>(DL_SCHEME_HTTP));
+  std::string body;
+  char buf[4];
+  int n;
+  while ((n = dl_read(h, buf, sizeof(buf), &err_)) > 0) body.append(buf, static_cast<size_t>(n));
+  EXPECT_EQ(n, 0);
+  EXPECT_EQ(body, "0123456789");
+  dl_close(h);
+}
+
+class FrontDoorUploadMode : public FrontDoor,
+                            public ::testing::WithParamInterface<std::pair<int, const char *>> {};
+
+TEST_P(FrontDoorUploadMode, HttpUploadMethodFollowsMode) {
+  quarry_test::TcpPeer peer;
+  peer.add({quarry_test::read_until("DATA"),
+            quarry_test::send_bytes("HTTP/1.1 201 Created\r\nContent-Length: 0\r\n\r\n"),
+            quarry_test::close_conn()});
+  peer.start();
+  quarry_test::TempDir dir;
+  std::string file = dir.write("a.cfg", "DATA");
+  std::string url = "http://127.0.0.1:" + std::to_string(peer.port()) + "/up/x.cfg";
+  dl_request req = request(url.c_str());
+  ASSERT_EQ(dl_upload(&req, file.c_str(), "ignored.cfg", redirect_, &err_, "", GetParam().first, 0),
+            0)
+      << err_.msg;
+  ASSERT_TRUE(peer.wait());
+  std::string expected = std::string(GetParam().second) + " /up/x.cfg HTTP/1.1\r\n";
+  EXPECT_EQ(peer.received(0).rfind(expected, 0), 0u) << peer.received(0);
+}
+
+INSTANTIATE_TEST_SUITE_P(Modes, FrontDoorUploadMode,
+                         ::testing::Values(std::make_pair(7, "POST"), std::make_pair(0, "POST"),
+                                           std::make_pair(1, "POST"), std::make_pair(2, "PUT")));
+
 }  // namespace
