@@ -7,7 +7,7 @@ set -u
 BUILD_PACKAGES=(
   cmake g++ make pkg-config libssl-dev
   googletest libgtest-dev libgmock-dev libbenchmark-dev
-  python3 openssl util-linux iproute2
+  python3 openssl util-linux iproute2 valgrind
 )
 SERVER_PACKAGES=(
   nginx-light apache2 apache2-utils lighttpd vsftpd
