@@ -317,6 +317,7 @@ TEST_F(HttpOpen, UninitialisedSettingsAreRefused) {
   EXPECT_EQ(open(), -1);
   EXPECT_EQ(err_.code, DL_ERR_NO_CONFIG);
   EXPECT_EQ(conn_, nullptr);
+  EXPECT_TRUE(capture_->has(3, 3, "config doesn't init\n"));
 }
 
 TEST_F(HttpOpen, MissingArgumentsAreRefused) {
@@ -361,6 +362,115 @@ TEST_F(HttpOpen, AuthInfoLooksAtTheUrlOrTheList) {
   EXPECT_EQ(dl_http_auth_info_is_empty(&url, req.get()), 0);
   EXPECT_EQ(dl_http_auth_info_is_empty(&url, req.get()), 1);
   EXPECT_EQ(req->creds_next, 2);
+}
+
+TEST_F(HttpOpen, RedirectThroughAProxyKeepsTheConnectionAndSetsHost) {
+  TcpPeer proxy;
+  proxy.add({read_until(kEnd),
+             send_bytes(response("301 Moved", "Location: https://other.invalid/b\r\n", "gone")),
+             read_until(kEnd), send_bytes(response("200 OK", "", "end")), read_to_end()});
+  proxy.start();
+  use_url("http://example.invalid/a");
+  std::string proxy_url = local_url(proxy.port(), "/");
+  param_.proxy = &proxy_url[0];
+  ASSERT_EQ(open(), 0);
+  EXPECT_EQ(body(), "end");
+  EXPECT_STREQ(redirect_, "https://other.invalid/b");
+  dl_http_close(conn_);
+  conn_ = nullptr;
+  proxy.wait();
+  EXPECT_EQ(proxy.connections(), 1u);
+  const std::string got = proxy.received(0);
+  const size_t second = got.find("GET /b HTTP/1.1\r\n");
+  ASSERT_NE(second, std::string::npos);
+  EXPECT_NE(got.find("Host: other.invalid\r\n", second), std::string::npos);
+}
+
+TEST_F(HttpOpen, RedirectToAnUnparsableUrlFails) {
+  TcpPeer peer;
+  serve(&peer, response("302 Found", "Location: http://[broken/b\r\n", ""));
+  use_url(local_url(peer.port(), "/a"));
+  EXPECT_EQ(open(), -1);
+  EXPECT_EQ(err_.code, DL_ERR_REDIRECT_URL);
+}
+
+TEST_F(HttpOpen, PostStaysAPostWithItsBodyAcrossARedirect) {
+  TcpPeer target;
+  target.add({read_until("data"), send_bytes(response("200 OK", "", "")), read_to_end()});
+  target.start();
+  TcpPeer first;
+  first.add({read_until("data"),
+             send_bytes(
+                 response("302 Found", "Location: " + local_url(target.port(), "/b") + "\r\n", "")),
+             read_to_end()});
+  first.start();
+  use_url(local_url(first.port(), "/a"));
+  param_.type = DL_HTTP_POST;
+  param_.body = const_cast<char *>("data");
+  ASSERT_EQ(open(), 0);
+  dl_http_close(conn_);
+  conn_ = nullptr;
+  target.wait();
+  const std::string got = target.received(0);
+  EXPECT_EQ(got.rfind("POST /b HTTP/1.1\r\n", 0), 0u);
+  EXPECT_NE(got.find("\r\n\r\ndata"), std::string::npos);
+}
+
+TEST_F(HttpOpen, UnknownChallengeSchemeFails) {
+  TcpPeer peer;
+  serve(&peer, response("401 Unauthorized", "WWW-Authenticate: Negotiate\r\n", ""));
+  use_url(local_url(peer.port(), "/a"));
+  param_.user = const_cast<char *>("user");
+  EXPECT_EQ(open(), -1);
+  EXPECT_EQ(err_.code, DL_ERR_AUTH);
+  EXPECT_TRUE(capture_->has(3, 3, "Input Auth Error\n"));
+}
+
+TEST_F(HttpOpen, XsiModeAnswersABasicChallengeWithBroadWorksSip) {
+  TcpPeer peer;
+  peer.add({read_until(kEnd),
+            send_bytes(response("401 Unauthorized", "WWW-Authenticate: Basic realm=\"r\"\r\n", "")),
+            read_until(kEnd), send_bytes(response("200 OK", "", "")), read_to_end()});
+  peer.start();
+  use_url(local_url(peer.port(), "/a"));
+  param_.user = const_cast<char *>("4001");
+  param_.password = const_cast<char *>("secret");
+  ASSERT_EQ(open_ex(DL_EX_XSI_AUTH), 0);
+  dl_http_close(conn_);
+  conn_ = nullptr;
+  peer.wait();
+  EXPECT_NE(peer.received(0).find(
+                "Authorization: BroadWorksSIP basic=\"c2VjcmV0\", sipUser=\"NDAwMQ==\"\r\n"),
+            std::string::npos);
+}
+
+TEST_F(HttpOpen, XsiModeRefusesADigestChallenge) {
+  TcpPeer peer;
+  serve(&peer,
+        response("401 Unauthorized", "WWW-Authenticate: Digest realm=\"r\", nonce=\"n1\"\r\n", ""));
+  use_url(local_url(peer.port(), "/a"));
+  param_.user = const_cast<char *>("4001");
+  param_.password = const_cast<char *>("secret");
+  EXPECT_EQ(open_ex(DL_EX_XSI_AUTH), -1);
+  EXPECT_EQ(err_.code, DL_ERR_AUTH);
+  EXPECT_TRUE(capture_->has(3, 3, "Output SIP XSI Auth Error\n"));
+}
+
+TEST_F(HttpOpen, MachineEntriesRefuseMissingArguments) {
+  quarry_http_test::Handle handle;
+  quarry_http_test::Request req;
+  dl_url url = quarry_http_test::url_of(DL_URL_SCHEME_HTTP, 0, "h", 80, "/");
+  dl_url *slot = &url;
+  EXPECT_EQ(http_handle_response(nullptr, &slot, nullptr, req.get(), redirect_), DL_ERR_PARAM);
+  EXPECT_EQ(http_handle_response(handle.get(), nullptr, nullptr, req.get(), redirect_),
+            DL_ERR_PARAM);
+  EXPECT_EQ(http_handle_response(handle.get(), &slot, nullptr, nullptr, redirect_), DL_ERR_PARAM);
+  EXPECT_EQ(http_handle_response(handle.get(), &slot, nullptr, req.get(), nullptr), DL_ERR_PARAM);
+  EXPECT_EQ(http_auth_retry(nullptr, nullptr, &url, req.get()), DL_ERR_PARAM);
+  EXPECT_EQ(http_auth_retry(handle.get(), nullptr, nullptr, req.get()), DL_ERR_PARAM);
+  EXPECT_EQ(http_auth_retry(handle.get(), nullptr, &url, nullptr), DL_ERR_PARAM);
+  EXPECT_TRUE(capture_->has(3, 3, "http handle response with invalid parameter\n"));
+  EXPECT_TRUE(capture_->has(3, 3, "http auth retry with invalid parameter\n"));
 }
 
 }  // namespace

@@ -227,4 +227,45 @@ TEST_F(HttpSavePost, MultiAuthFailsOnceThePairsAreUsedUp) {
   EXPECT_TRUE(capture_->has(3, 3, "handler response error\n"));
 }
 
+TEST_F(HttpSavePost, SaveRefusesMissingArguments) {
+  EXPECT_EQ(dl_http_recv_to_file(nullptr, "f", redirect_, &err_), -1);
+  EXPECT_EQ(err_.code, DL_ERR_PARAM);
+  EXPECT_EQ(dl_http_recv_to_file_ex(nullptr, "f", redirect_, &err_), -1);
+  EXPECT_EQ(err_.code, DL_ERR_PARAM);
+  dl_http_param_ex ex = {nullptr, DL_EX_NONE};
+  EXPECT_EQ(dl_http_recv_to_file_ex(&ex, "f", redirect_, &err_), -1);
+  EXPECT_EQ(dl_http_recv_to_file(&param_, "f", redirect_, nullptr), -1);
+}
+
+TEST_F(HttpSavePost, WithoutAPathAUrlEndingInASlashNamesNoFile) {
+  TcpPeer peer;
+  serve(&peer, response("200 OK", "", "data"));
+  use_url(local_url(peer.port(), "/dir/"));
+  char here[PATH_MAX];
+  ASSERT_NE(getcwd(here, sizeof(here)), nullptr);
+  ASSERT_EQ(chdir(dir_.path().c_str()), 0);
+  const int ret = dl_http_recv_to_file(&param_, nullptr, redirect_, &err_);
+  ASSERT_EQ(chdir(here), 0);
+  EXPECT_EQ(ret, -1);
+  EXPECT_TRUE(capture_->has(3, 3, "Can't open \n"));
+}
+
+TEST_F(HttpSavePost, MultiAuthWithoutAListUsesTheUrlCredentials) {
+  TcpPeer peer;
+  peer.add({read_until("body"),
+            send_bytes(response("401 Unauthorized", "WWW-Authenticate: Basic realm=\"r\"\r\n", "")),
+            read_until("body"), send_bytes(response("200 OK", "", "")), read_to_end()});
+  peer.start();
+  use_url(local_url(peer.port(), "/up"));
+  param_.type = DL_HTTP_POST;
+  param_.body = const_cast<char *>("body");
+  param_.user = const_cast<char *>("user");
+  param_.password = const_cast<char *>("pass");
+  ASSERT_EQ(dl_http_post_multi_auth(&conn_, &param_, nullptr, 0, redirect_, &err_), 0);
+  dl_http_close(conn_);
+  conn_ = nullptr;
+  peer.wait();
+  EXPECT_NE(peer.received(0).find("Authorization: Basic dXNlcjpwYXNz\r\n"), std::string::npos);
+}
+
 }  // namespace
