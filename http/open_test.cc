@@ -473,4 +473,13 @@ TEST_F(HttpOpen, MachineEntriesRefuseMissingArguments) {
   EXPECT_TRUE(capture_->has(3, 3, "http auth retry with invalid parameter\n"));
 }
 
+TEST_F(HttpOpen, UnparsableProxyFailsWithTheParserCode) {
+  use_url("http://example.invalid/a");
+  std::string proxy_url = "http://[broken/";
+  param_.proxy = &proxy_url[0];
+  EXPECT_EQ(open(), -1);
+  EXPECT_EQ(err_.code, DL_ERR_URL);
+  EXPECT_EQ(conn_, nullptr);
+}
+
 }  // namespace
