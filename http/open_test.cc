@@ -482,4 +482,31 @@ TEST_F(HttpOpen, UnparsableProxyFailsWithTheParserCode) {
   EXPECT_EQ(conn_, nullptr);
 }
 
+TEST_F(HttpOpen, FailedOpenTracesTheBodyWhenTracing) {
+  set_number(DL_OPT_DATA_TRACE, 1);
+  TcpPeer peer;
+  serve(&peer, response("404 Not Found", "", "missing-page-text"));
+  use_url(local_url(peer.port(), "/a"));
+  EXPECT_EQ(open(), -1);
+  EXPECT_TRUE(capture_->mentions("missing-page-text"));
+}
+
+TEST_F(HttpOpen, FailedOpenLeavesTheBodyUntracedWhenNotTracing) {
+  TcpPeer peer;
+  serve(&peer, response("404 Not Found", "", "missing-page-text"));
+  use_url(local_url(peer.port(), "/a"));
+  EXPECT_EQ(open(), -1);
+  EXPECT_FALSE(capture_->mentions("missing-page-text"));
+}
+
+TEST_F(HttpOpen, HeaderTraceLogsTheHeadersOfAResponseThatIsLeft) {
+  set_number(DL_OPT_DATA_TRACE, 2);
+  TcpPeer peer;
+  serve(&peer, response("204 No Content", "X-Trace-Me: yes\r\n", ""));
+  use_url(local_url(peer.port(), "/a"));
+  EXPECT_EQ(open(), 0);
+  // Once as it is read, once more as the response is left.
+  EXPECT_EQ(capture_->count(3, 3, "x-trace-me: yes\n"), 2);
+}
+
 }  // namespace
