@@ -567,8 +567,10 @@ DL_EXPORT int dl_http_recv_to_file_ex(const dl_http_param_ex *param_ex, const ch
  * form when |param|->headers names a boundary) or PUT; other request
  * types are refused. The response body is not read. Returns 0, or -1 with
  * the code (or an HTTP status of 400 or more) in |err|. On success
- * |*conn_out| only marks success: it points to a released handle that
- * must not be used or freed. */
+ * |*conn_out| only marks success: the handle itself is already released
+ * and |*conn_out| points to a static dead handle (magic 0) that is never
+ * usable; dl_http_close ignores it, nothing else may be given it, and it
+ * must not be freed. */
 DL_EXPORT int dl_http_post_file(dl_http_conn **conn_out, const dl_http_param *param,
                                 const char *path, char *redirect_out, dl_error *err);
 
