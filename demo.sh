@@ -15,6 +15,7 @@ free_port() {
 }
 
 WORK=$(mktemp -d /tmp/quarry-demo.XXXXXX)
+chmod 755 "$WORK"  # the server's workers run as nobody
 SERVER=$WORK/nginx
 cleanup() {
   tests/servers/nginx.sh stop "$SERVER" >/dev/null 2>&1 || true
