@@ -224,17 +224,15 @@ DL_EXPORT int libq_log_init(const char *tag, int type, int flags, const char *pa
   reset_thresholds(kDefaultThreshold);
   g_log.output_type = type;
   g_log.with_time = flags & 1;
+  // A short tag is padded with blanks; nothing past its end is read.
+  bool ended = false;
   for (int i = 0; i < kTagLen; ++i) {
     if (tag == nullptr) {
       g_log.tag[i] = '?';
-    } else {
-      // A short tag is padded with blanks; nothing past its end is read.
-      g_log.tag[i] = tag[i] == '\0' ? ' ' : tag[i];
-      if (tag[i] == '\0') {
-        for (int j = i; j < kTagLen; ++j) g_log.tag[j] = ' ';
-        break;
-      }
+      continue;
     }
+    ended = ended || tag[i] == '\0';
+    g_log.tag[i] = ended ? ' ' : tag[i];
   }
   open_output(path);
   char tag_text[kTagLen + 1];

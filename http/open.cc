@@ -8,19 +8,14 @@
 #include "core/core.h"
 #include "http/http_conn.h"
 #include "http/open_flow.h"
+#include "url/url.h"
 
 namespace {
 
-// Room dl_get_error_string may fill in an error record.
-constexpr size_t kErrorTextRoom = 252;
 constexpr int kStatusNotModified = 304;
 constexpr int kStatusClientError = 400;
 constexpr int kStatusUnauthorized = 401;
 
-struct UrlFree {
-  void operator()(dl_url *u) const { dl_url_free(u); }
-};
-using UrlPtr = std::unique_ptr<dl_url, UrlFree>;
 
 struct RequestFree {
   void operator()(dl_http_request *r) const { http_request_free(r); }
@@ -88,7 +83,7 @@ namespace quarry {
 void http_log_error(const char *text) { libq_log(kModHttp, kLogError, "%s", text); }
 
 void http_exchange_fail(dl_http_conn *conn, dl_error *err) {
-  dl_get_error_string(err->code, err->msg, kErrorTextRoom);
+  quarry::set_error(err, err->code);
   if (conn == nullptr) return;
   if (dl_config_data_trace_enable() != 0 && conn->sock != 0) http_drain(conn);
   http_reset(conn);
@@ -130,10 +125,10 @@ dl_http_conn *http_exchange(const dl_http_param *param, const ExchangeSetup &set
     req->creds_next = 0;
   }
 
-  UrlPtr url(http_url_check(&conn->flags, param, err));
+  quarry::UniqueUrl url(http_url_check(&conn->flags, param, err));
   if (url == nullptr) return fail(conn, err, err->code);
   const uint32_t request_flags = conn->flags;
-  UrlPtr proxy;
+  quarry::UniqueUrl proxy;
   if (param->proxy != nullptr && param->proxy[0] != '\0') {
     int code = 0;
     proxy.reset(dl_url_parse(param->proxy, nullptr, nullptr, &code));

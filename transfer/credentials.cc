@@ -17,6 +17,16 @@ void log_ftp_login(const FtpLogin &login) {
            login.user != nullptr ? login.user : "(null)", "******");
 }
 
+void log_entry(const char *function) {
+  libq_log(kModCommon, kLogInfo, "Enter Func %s....\n", function);
+}
+
 void log_failure(const char *line) { libq_log(kModCommon, kLogError, "%s", line); }
+
+bool HttpParam::rebuild(const dl_request *req, const dl_url_parts &parts) {
+  if (url_rebuild(req, &param_, &parts) == 0) return true;
+  log_failure("Memory exhault!\n");
+  return false;
+}
 
 }  // namespace quarry

@@ -7,13 +7,11 @@
 
 namespace {
 
+using quarry::log_entry;
 using quarry::log_failure;
 
 constexpr size_t kTargetSize = 512;
 
-void log_entry(const char *name) {
-  libq_log(quarry::kModCommon, quarry::kLogInfo, "Enter Func %s....\n", name);
-}
 
 // An upload's request type: POST or PUT as asked, POST for anything else.
 int32_t upload_type(int mode) {
@@ -45,10 +43,7 @@ DL_EXPORT int dl_download(const dl_request *req, const char *local_path, char *r
     case DL_SCHEME_HTTPS:
     case DL_SCHEME_HTTP: {
       quarry::HttpParam param;
-      if (!param.rebuild(req, parts)) {
-        log_failure("Memory exhault!\n");
-        return -1;
-      }
+      if (!param.rebuild(req, parts)) return -1;
       return dl_http_recv_to_file(param.get(), local_path, redirect_out, err);
     }
     case DL_SCHEME_TFTP:
@@ -91,10 +86,7 @@ DL_EXPORT int dl_upload(const dl_request *req, const char *local_file, const cha
         return -1;
       }
       quarry::HttpParam param;
-      if (!param.rebuild(req, parts)) {
-        log_failure("Memory exhault!\n");
-        return -1;
-      }
+      if (!param.rebuild(req, parts)) return -1;
       param.get()->type = upload_type(mode);
       param.get()->headers = const_cast<char *>(extra_headers);
       param.get()->body = nullptr;

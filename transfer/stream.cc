@@ -7,11 +7,9 @@
 
 namespace {
 
+using quarry::log_entry;
 using quarry::log_failure;
 
-void log_entry(const char *name) {
-  libq_log(quarry::kModCommon, quarry::kLogInfo, "Enter Func %s....\n", name);
-}
 
 // Opens the protocol client of |h|'s scheme; 0 or -1.
 int open_client(dl_handle *h, const dl_request *req, const dl_url_parts &parts,
@@ -24,10 +22,7 @@ int open_client(dl_handle *h, const dl_request *req, const dl_url_parts &parts,
         return -1;
       }
       quarry::HttpParam param;
-      if (!param.rebuild(req, parts)) {
-        log_failure("Memory exhault!\n");
-        return -1;
-      }
+      if (!param.rebuild(req, parts)) return -1;
       auto **conn = reinterpret_cast<dl_http_conn **>(&h->proto);
       return dl_http_open(conn, param.get(), redirect_out, err) == 0 ? 0 : -1;
     }

@@ -43,9 +43,8 @@ class HttpParam {
   HttpParam(const HttpParam &) = delete;
   HttpParam &operator=(const HttpParam &) = delete;
 
-  bool rebuild(const dl_request *req, const dl_url_parts &parts) {
-    return url_rebuild(req, &param_, &parts) == 0;
-  }
+  // False, with the front door's out-of-memory line, when it fails.
+  bool rebuild(const dl_request *req, const dl_url_parts &parts);
   dl_http_param *get() { return &param_; }
 
  private:
@@ -68,6 +67,9 @@ void log_ftp_login(const FtpLogin &login);
 // |remote_name|, or by |local_file|'s name when no remote name is given.
 void upload_target(const char *url_path, const char *remote_name, const char *local_file,
                    char *target, size_t target_size);
+
+// The line every front-door entry point logs first (module DCMN, info).
+void log_entry(const char *function);
 
 // The log line every front-door failure writes (module DCMN, error level).
 void log_failure(const char *line);

@@ -6,9 +6,18 @@
 #ifndef QUARRY_URL_URL_H
 #define QUARRY_URL_URL_H
 
+#include <memory>
 #include <string_view>
 
+#include "quarry.h"
+
 namespace quarry {
+
+// Owns a dl_url from dl_url_parse; released with dl_url_free.
+struct UrlFree {
+  void operator()(dl_url *u) const noexcept { dl_url_free(u); }
+};
+using UniqueUrl = std::unique_ptr<dl_url, UrlFree>;
 
 struct SchemeRow {
   const char *name;

@@ -19,10 +19,7 @@ using quarry::kModCommon;
 constexpr char kEscapedSpace[] = "%20";
 constexpr size_t kEscapeGrowth = sizeof(kEscapedSpace) - 2;
 
-struct UrlFree {
-  void operator()(dl_url *u) const noexcept { dl_url_free(u); }
-};
-using UniqueUrl = std::unique_ptr<dl_url, UrlFree>;
+using quarry::UniqueUrl;
 
 // The URL text with every space written as "%20", or null when memory runs
 // out.
