@@ -8,13 +8,28 @@ BUILD_PACKAGES=(
   cmake g++ make pkg-config libssl-dev
   googletest libgtest-dev libgmock-dev libbenchmark-dev
   python3 openssl util-linux iproute2 valgrind
+  clang-14 libclang-rt-14-dev libcurl4-openssl-dev
 )
 SERVER_PACKAGES=(
   nginx-light apache2 apache2-utils lighttpd vsftpd
-  tftpd-hpa tftp-hpa dnsmasq-base dnsutils netcat-openbsd
+  tftpd-hpa tftp-hpa atftp dnsmasq-base dnsutils netcat-openbsd sox
 )
+# Second implementations that conflict with the servers above (vsftpd,
+# tftpd-hpa): unpacked, never installed.
+EXTRA_DEBS=(pure-ftpd atftpd)
+EXTRA_ROOT=/opt/extra-debs/root
 
 log() { echo "install-deps: $*"; }
+
+extra_missing() {
+  [ -x "$EXTRA_ROOT/usr/sbin/pure-ftpd" ] && [ -x "$EXTRA_ROOT/usr/sbin/atftpd" ] && return 1
+  return 0
+}
+
+unpack_extra() {
+  mkdir -p /opt/extra-debs && (cd /opt/extra-debs && apt-get download "${EXTRA_DEBS[@]}") || return 1
+  for d in /opt/extra-debs/*.deb; do dpkg-deb -x "$d" "$EXTRA_ROOT" || return 1; done
+}
 
 installed() {
   [ "$(dpkg-query -W -f='${Status}' "$1" 2>/dev/null)" = "install ok installed" ]
@@ -24,7 +39,7 @@ missing=()
 for p in "${BUILD_PACKAGES[@]}" "${SERVER_PACKAGES[@]}"; do
   installed "$p" || missing+=("$p")
 done
-if [ ${#missing[@]} -eq 0 ]; then
+if [ ${#missing[@]} -eq 0 ] && ! extra_missing; then
   log "all packages present"
   exit 0
 fi
@@ -63,7 +78,7 @@ if ! apt-get update; then
 fi
 
 install_missing() {
-  apt-get install -y --no-install-recommends "${missing[@]}"
+  [ ${#missing[@]} -eq 0 ] || apt-get install -y --no-install-recommends "${missing[@]}"
 }
 if ! install_missing; then
   log "apt-get install failed, retrying once"
@@ -72,3 +87,7 @@ if ! install_missing; then
   install_missing || { log "apt-get install failed" >&2; exit 1; }
 fi
 log "installed: ${missing[*]}"
+if extra_missing; then
+  unpack_extra || { log "unpacking ${EXTRA_DEBS[*]} failed" >&2; exit 1; }
+  log "unpacked: ${EXTRA_DEBS[*]} into $EXTRA_ROOT"
+fi
