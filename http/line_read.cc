@@ -116,6 +116,17 @@ DL_EXPORT int http_recv(dl_http_conn *conn, void *buf, int len) {
 
 DL_EXPORT int http_read_line(dl_http_conn *conn, int initial_size, int max_size, char *out,
                              int out_room) {
+  bool complete = false;
+  return quarry::http_read_line_ended(conn, initial_size, max_size, out, out_room, &complete);
+}
+
+}  // extern "C"
+
+namespace quarry {
+
+int http_read_line_ended(dl_http_conn *conn, int initial_size, int max_size, char *out,
+                         int out_room, bool *complete) {
+  *complete = false;
   if (!quarry::http_conn_live(conn) || out == nullptr || initial_size < 2 ||
       max_size < initial_size || out_room < 1) {
     log_error("http read line with invalid parameter\n");
@@ -155,6 +166,7 @@ DL_EXPORT int http_read_line(dl_http_conn *conn, int initial_size, int max_size,
       if (got > 0 && crlf >= 0 && crlf + 2 <= fill) {
         work.get()[crlf] = '\0';
         memcpy(out, work.get(), static_cast<size_t>(crlf) + 1);
+        *complete = true;
         return static_cast<int>(crlf);
       }
     }
@@ -180,4 +192,4 @@ DL_EXPORT int http_read_line(dl_http_conn *conn, int initial_size, int max_size,
   }
 }
 
-}  // extern "C"
+}  // namespace quarry
