@@ -5,6 +5,7 @@
 #include "http/http_test_support.h"
 #include "tests/peer/scripted_peer.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/syscall_spy.h"
 
 namespace {
 
@@ -60,6 +61,31 @@ TEST_F(BodyRead, LengthBodyEndsAtItsLengthAndLeavesTheRestUnread) {
   EXPECT_EQ(handle_->remaining, 0u);
   EXPECT_EQ(dl_http_read(handle_.get(), buf, sizeof(buf), &err_), 0);
   EXPECT_EQ(handle_.unread(), 4u);
+}
+
+TEST_F(BodyRead, PipelinedResponsesKeepTheirBoundaries) {
+  handle_.say(
+      "HTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\nfirst"
+      "HTTP/1.1 201 Created\r\nTransfer-Encoding: chunked\r\n\r\n6\r\nsecond\r\n0\r\n\r\n"
+      "HTTP/1.1 202 Accepted\r\nContent-Length: 5\r\n\r\nthird");
+  head(handle_, "");
+  EXPECT_EQ(body(handle_.get(), 64), "first");
+  ASSERT_EQ(http_read_status(handle_.get()), 201);
+  ASSERT_EQ(quarry::http_read_headers(handle_.get(), 201, &block_size_), 0);
+  EXPECT_EQ(body(handle_.get(), 64), "second");
+  http_drain(handle_.get());
+  ASSERT_EQ(http_read_status(handle_.get()), 202);
+  ASSERT_EQ(quarry::http_read_headers(handle_.get(), 202, &block_size_), 0);
+  EXPECT_EQ(body(handle_.get(), 2), "third");
+  EXPECT_EQ(handle_.unread(), 0u);
+}
+
+TEST_F(BodyRead, WholeResponseAlreadyThereIsReadWithoutWaiting) {
+  handle_.say("HTTP/1.1 200 OK\r\nContent-Length: 4\r\nServer: x\r\n\r\nbody");
+  quarry_test::SyscallSpy spy;
+  head(handle_, "");
+  EXPECT_EQ(body(handle_.get(), 64), "body");
+  EXPECT_EQ(spy.select_calls(), 0);
 }
 
 TEST_F(BodyRead, LengthBodyInSmallPieces) {

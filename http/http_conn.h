@@ -22,8 +22,19 @@ struct dl_http_chunk {
   int32_t last;       // 1 once the zero-size chunk has been read
 };
 
+// Bytes received from the connection and not yet handed out. Every read
+// of a connection goes through it, so a line read never loses what
+// follows the line, and most reads cost no system call.
+constexpr uint32_t kHttpRxSize = 16384;
+struct dl_http_rx {
+  uint32_t start;  // first byte not handed out
+  uint32_t end;    // end of the received bytes
+  uint8_t data[kHttpRxSize];
+};
+
 // One open exchange. Zero-filled on allocation; magic marks it live.
-// Callers rely on this layout: keep the order and the widths.
+// Callers rely on this layout: keep the order and the widths, and add
+// fields only at the end.
 struct dl_http_conn {
   int32_t magic;
   int32_t sock;  // 0: none
@@ -34,6 +45,7 @@ struct dl_http_conn {
   dl_http_chunk *chunk;
   char *headers;  // response header block, lines each ended by a NUL
   uint32_t headers_len;
+  dl_http_rx *rx;  // allocated on the first read, freed by http_reset
 };
 
 // A request header; ownership (DL_HDR_OWN_*) says which text is freed.
