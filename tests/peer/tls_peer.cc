@@ -192,7 +192,7 @@ void TlsPeer::play(int fd, const Script &script, size_t index) {
         break;
     }
   }
-  if (ok && goodbye) SSL_shutdown(ssl);
+  if (ok && goodbye && config_.close_notify) SSL_shutdown(ssl);
   SSL_free(ssl);
   ERR_clear_error();
   close(fd);

@@ -26,6 +26,8 @@ struct TlsPeerConfig {
   std::string ciphers;    // cipher list, e.g. "DEFAULT:@SECLEVEL=0"; empty: default
   std::string client_ca;  // when set, a client certificate is asked for
   bool require_client_cert = false;
+  // false: a script's end closes the socket without a close_notify alert.
+  bool close_notify = true;
 };
 
 struct TlsConnection {
