@@ -5,7 +5,10 @@
 #               Basic), chunked /chunked (echo module) and /chunkedfile/
 #               (sub_filter drops the length), /slow, /headers (echoes the
 #               request head), keep-alive
-#   HTTPS_PORT  TLS 1.2/1.3, optional client certificate, /files/, /whoami
+#   HTTPS_PORT  TLS 1.2/1.3, optional client certificate, /files/, /whoami,
+#               Basic auth /private/, PUT /upload/, /r301 (to /files/hello.txt
+#               over https), /tohttp (302 to plain HTTP); HTTP_PORT's /tohttps
+#               redirects here
 #   MTLS_PORT   TLS, client certificate required (400 without one), /files/
 # Usage: nginx.sh start DIR HTTP_PORT HTTPS_PORT MTLS_PORT | nginx.sh stop DIR
 # PKI_DIR names an existing test PKI; otherwise one is made in DIR/pki.
@@ -94,11 +97,19 @@ http {
         }
         location = /slow { default_type text/plain; echo_sleep 5; echo "late"; }
         location = /headers { default_type text/plain; echo -n \$echo_client_request_headers; }
+        location = /tohttps { return 302 https://127.0.0.1:$HTTPS/files/hello.txt; }
     }
 $(tls_server "$HTTPS" optional '        location = /whoami {
             default_type text/plain;
             return 200 "verify=$ssl_client_verify dn=$ssl_client_s_dn proto=$ssl_protocol\n";
-        }')
+        }
+        location /private/ { auth_basic "phone realm"; auth_basic_user_file htpasswd; }
+        location /upload/ {
+            alias upload/;
+            dav_methods PUT; create_full_put_path on; client_max_body_size 0;
+        }
+        location = /r301   { return 301 /files/hello.txt; }
+        location = /tohttp { return 302 http://127.0.0.1:'"$HTTP"'/files/hello.txt; }')
 $(tls_server "$MTLS" on)
 }
 CONF
