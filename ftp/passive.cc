@@ -12,10 +12,10 @@ constexpr char kNetworkRefused[] = "522";
 constexpr size_t kPassiveRoom = 512;
 constexpr int kPortHigh = 256;
 
-// A decimal number at |p|, saturated so that it can never overflow; it
-// only has to be out of range for the connect to refuse it.
+// A decimal number at |p|, saturated: it only has to be out of range for
+// the connect to refuse it, and p1 * 256 + p2 must not overflow.
 int read_number(const char *p) {
-  constexpr int kCap = 1000000;
+  constexpr int kCap = 100000;
   int value = 0;
   for (; *p >= '0' && *p <= '9'; ++p) {
     if (value < kCap) value = value * 10 + (*p - '0');
