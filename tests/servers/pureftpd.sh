@@ -13,7 +13,7 @@ PASV_MIN=$(port_arg "${ARGS[1]:-}" pasv_min) || exit
 PASV_MAX=$(port_arg "${ARGS[2]:-}" pasv_max) || exit
 
 X=${PUREFTPD_ROOT:-/opt/extra-debs/root}/usr
-need_binaries "$X/sbin/pure-ftpd" "$X/bin/pure-pw"
+need_binaries "$X/sbin/pure-ftpd" "$X/bin/pure-pw" openssl
 need_root
 prepare_dir "$DIR"
 
@@ -29,6 +29,12 @@ chown -R "$RUN_AS:$RUN_GROUP" "$DIR/home"
   "$X/bin/pure-pw" useradd "$VUSER" -u "$RUN_AS" -g "$RUN_GROUP" -d "$DIR/home" \
     -f "$DIR/conf/pureftpd.passwd" -m -F "$DIR/conf/pureftpd.pdb" > "$DIR/logs/pure-pw.log" 2>&1 ||
   die "pure-pw failed: $(cat "$DIR/logs/pure-pw.log")"
+# pure-pw hashes with a deliberately slow function (about a second of CPU per
+# login); a SHA-512 crypt hash keeps the tests' logins fast.
+HASH=$(openssl passwd -6 -salt quarrytest "$VPASS") || die "openssl passwd failed"
+sed -i "s|^$VUSER:[^:]*:|$VUSER:$HASH:|" "$DIR/conf/pureftpd.passwd"
+"$X/bin/pure-pw" mkdb "$DIR/conf/pureftpd.pdb" -f "$DIR/conf/pureftpd.passwd" \
+  >> "$DIR/logs/pure-pw.log" 2>&1 || die "pure-pw mkdb failed"
 
 # -E no anonymous, -A chroot everyone, -H no reverse look-ups, -j create
 # the home when missing.
