@@ -3,6 +3,7 @@
 // PASV's six numbers and as EPSV's port.
 #include <stddef.h>
 #include <stdint.h>
+#include <string.h>
 
 #include <string>
 
