@@ -173,3 +173,33 @@ TEST_F(FtpReply, LoginCodes) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST_F(FtpReply, WrongMagicIsRefusedByReadSendAndClose) {
+  dl_ftp_conn dead = conn_;
+  dead.magic = 0;
+  dead.data = fds_[0];
+  char buf[4];
+  dl_error err = {};
+  EXPECT_EQ(dl_ftp_read(&dead, buf, sizeof(buf), &err), -1);
+  EXPECT_EQ(err.code, DL_ERR_PARAM);
+  EXPECT_EQ(dl_ftp_send(&dead, "/etc/hostname", &err), -1);
+  EXPECT_EQ(capture_->count(5, 3, "ftp read with invalid parameter\n"), 2);
+  dl_ftp_close(&dead);
+  EXPECT_TRUE(capture_->has(5, 3, "ftp close with invalid parameter\n"));
+  // Nothing was closed: the socket still works.
+  server_says("200 still here\r\n");
+  EXPECT_EQ(ftp_read_reply(&conn_, reply_, sizeof(reply_), 0, 0), 200);
+}
+
+TEST_F(FtpReply, ReadWithoutDataConnectionIsRefused) {
+  char buf[4];
+  dl_error err = {};
+  EXPECT_EQ(dl_ftp_read(&conn_, buf, sizeof(buf), &err), -1);
+  EXPECT_EQ(err.code, DL_ERR_PARAM);
+  EXPECT_EQ(dl_ftp_read(&conn_, buf, sizeof(buf), nullptr), -1);
+  EXPECT_EQ(capture_->count(5, 3, "ftp read with invalid parameter\n"), 2);
+}
+
+}  // namespace
