@@ -127,6 +127,24 @@ TEST_F(FtpFault, ControlResetDuringTheUploadReply) {
   expect_no_fd_left();
 }
 
+TEST_F(FtpFault, ControlClosedBeforeTheUploadsSizeReply) {
+  std::string file = dir_.write("up.bin", "body");
+  data_.add({read_to_end()});
+  data_.start();
+  control_.add(anonymous_session(data_.port(), "PASS ") +
+               Script{read_until("SIZE up.bin\r\n"), close_conn()});
+  control_.start();
+  auto start = std::chrono::steady_clock::now();
+  EXPECT_EQ(dl_ftp_send_file("127.0.0.1", control_.port(), "", "", nullptr, file.c_str(), 2, 1,
+                             &err_),
+            -1);
+  EXPECT_EQ(err_.code, DL_ERR_READ);
+  EXPECT_TRUE(logged(3, "Get file size error\n"));
+  EXPECT_FALSE(logged(6, "FTP STOR\n"));
+  EXPECT_LT(seconds_since(start), kWithinTimeout);
+  expect_no_fd_left();
+}
+
 TEST_F(FtpFault, DataPortRefusingFailsTheOpen) {
   uint16_t refused = closed_port();
   control_.add(anonymous_session(refused) + Script{read_to_end()});
