@@ -2,6 +2,7 @@
 //
 //   quarry get URL [-o FILE]
 //   quarry put FILE URL [--header 'Name: value'] [--put] [--name REMOTE]
+//              [--append | --store] [--limit-mode 1|2]   (ftp)
 //   quarry version | quarry error CODE
 // Options for get and put: --user U, --password P, --proxy URL,
 // --set NAME=VALUE (any library option by name), -v (library log on
@@ -29,6 +30,7 @@ int usage(FILE *out = stderr) {
   fprintf(out,
           "usage: quarry get URL [-o FILE] [options]\n"
           "       quarry put FILE URL [--header 'Name: value'] [--put] [--name REMOTE] [options]\n"
+          "       quarry put FILE ftp://... [--append | --store] [--limit-mode 1|2] [options]\n"
           "       quarry version\n"
           "       quarry error CODE\n"
           "options: --user U  --password P  --proxy URL  --set NAME=VALUE  -v\n"
@@ -52,6 +54,8 @@ struct Args {
   bool put = false;
   bool verbose = false;
   quarry_cli::TlsOptions tls;
+  int ftp_post_mode = 0;   // 1 append, 2 store; ftp URLs store by default
+  int ftp_limit_mode = 0;  // over max_file_size: 1 store instead, 2 stop
 };
 
 bool parse_args(int argc, char **argv, Args *args) {
@@ -87,6 +91,12 @@ bool parse_args(int argc, char **argv, Args *args) {
       args->settings.push_back(setting);
     } else if (arg == "--put") {
       args->put = true;
+    } else if (arg == "--append" || arg == "--store") {
+      args->ftp_post_mode = arg == "--append" ? 1 : 2;
+    } else if (arg == "--limit-mode") {
+      std::string mode;
+      if (!value(&mode)) return false;
+      args->ftp_limit_mode = atoi(mode.c_str());
     } else if (arg == "-v" || arg == "--verbose") {
       args->verbose = true;
     } else if (!arg.empty() && arg[0] == '-') {
@@ -188,8 +198,10 @@ int run_put(const Args &args) {
   char redirect[kRedirectSize] = "";
   dl_error err = {};
   int mode = args.put ? DL_HTTP_PUT : DL_HTTP_POST;
+  if (url.compare(0, 6, "ftp://") == 0) mode = args.ftp_post_mode != 0 ? args.ftp_post_mode : 2;
   const char *remote = args.remote_name.empty() ? nullptr : args.remote_name.c_str();
-  if (dl_upload(&req, file.c_str(), remote, redirect, &err, args.headers.c_str(), mode, 0) != 0) {
+  if (dl_upload(&req, file.c_str(), remote, redirect, &err, args.headers.c_str(), mode,
+                args.ftp_limit_mode) != 0) {
     return report_failure(err);
   }
   fprintf(stderr, "quarry: sent %s\n", file.c_str());
