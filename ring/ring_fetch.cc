@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <memory>
+#include <utility>
 
 #include "core/core.h"
 #include "http/http_conn.h"
