@@ -86,7 +86,7 @@ bool ring_cache_path(const char *url, char *path) {
     return false;
   }
   char hex[2 * kMd5Size + 1];
-  for (size_t i = 0; i < kMd5Size; ++i) snprintf(hex + 2 * i, 3, "%02x", md[i]);
+  for (size_t i = 0; i < kMd5Size; ++i) snprintf(hex + 2 * i, sizeof(hex) - 2 * i, "%02x", md[i]);
   snprintf(path, kRingPathRoom, "/tmp/%s.wav", hex);
   return true;
 }
