@@ -67,7 +67,8 @@ int main(void) {
    * curl_maprintf, libquarry's Basic authorization with its own. */
   CURLU *u = curl_url();
   char *text = NULL;
-  CHECK(u != NULL && curl_url_set(u, CURLUPART_URL, "http://phone.invalid:8080/a b", CURLU_URLENCODE) == CURLUE_OK);
+  CHECK(u != NULL && curl_url_set(u, CURLUPART_URL, "http://phone.invalid:8080/a b",
+                                  CURLU_URLENCODE) == CURLUE_OK);
   CHECK(curl_url_get(u, CURLUPART_URL, &text, 0) == CURLUE_OK && text != NULL &&
         strcmp(text, "http://phone.invalid:8080/a%20b") == 0);
   curl_free(text);

@@ -63,7 +63,9 @@ class RingNginx : public ::testing::Test {
     path_[0] = '\0';
     return dl_distinctive_ringtone_download(url.c_str(), name, &ring_, path_, sizeof(path_));
   }
-  bool logged(const std::string &message) const { return log_->has(DL_LOG_MODULE_HTTP, 3, message); }
+  bool logged(const std::string &message) const {
+    return log_->has(DL_LOG_MODULE_HTTP, 3, message);
+  }
   // Requests for |url| in nginx's access log, once it holds at least
   // |expected| of them or two seconds passed: nginx writes the line after
   // the response is out.
@@ -79,7 +81,9 @@ class RingNginx : public ::testing::Test {
     const std::string log = read_file(server_->path("logs/access.log"));
     const std::string request = "GET " + url.substr(url.find("/files/")) + " ";
     size_t n = 0;
-    for (size_t at = log.find(request); at != std::string::npos; at = log.find(request, at + 1)) ++n;
+    for (size_t at = log.find(request); at != std::string::npos; at = log.find(request, at + 1)) {
+      ++n;
+    }
     return n;
   }
 
