@@ -19,6 +19,7 @@
 #include "tools/cli_options.h"
 #include "tools/progress.h"
 #include "tools/tls_options.h"
+#include "tools/ring_cmd.h"
 
 namespace {
 
@@ -214,6 +215,7 @@ int main(int argc, char **argv) {
   if (argc == 2 && (strcmp(argv[1], "--help") == 0 || strcmp(argv[1], "-h") == 0)) {
     return usage(stdout);
   }
+  if (argc >= 2 && strcmp(argv[1], "ring") == 0) return quarry_cli::run_ring(argc - 2, argv + 2);
   Args args;
   if (!parse_args(argc, argv, &args)) return usage();
   if (args.command == "version") {
