@@ -70,6 +70,7 @@ constexpr Spec kSpecs[] = {
     {"tftpd", "tftpd.sh", {"tftp", "tftp6"}, false, false, "root", "root"},
     {"dnsmasq", "dnsmasq.sh", {"dns"}, false, false, "", ""},
     {"tls", "tls.sh", {"tls1_0", "tls1_1", "tls1_2", "tls1_3"}, false, true, "", ""},
+    {"atftpd", "atftpd.sh", {"tftp"}, false, false, "root", "root"},
 };
 
 const Spec *find_spec(const std::string &name) {
