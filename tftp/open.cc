@@ -66,6 +66,14 @@ ConnPtr open_common(dl_tftp_conn **out, const char *host, int port, const char *
   return conn;
 }
 
+// Builds the request into |req| (kRequestArea bytes) and says it goes out;
+// returns its length.
+size_t announce_request(uint16_t opcode, const char *remote_name, uint8_t *req) {
+  size_t len = build_request(opcode, remote_name, req);
+  libq_log(kModTftp, kLogInfo, "Send Request Packet\n");
+  return len;
+}
+
 int opened(dl_tftp_conn **out, ConnPtr conn) {
   libq_log(kModTftp, kLogNotice, "tftp open success\n");
   *out = conn.release();
@@ -132,8 +140,7 @@ DL_EXPORT int dl_tftp_open(dl_tftp_conn **out, const char *host, int port,
   ConnPtr conn = t::open_common(out, host, port, remote_name, err, false);
   if (!conn) return -1;
   uint8_t req[t::kRequestArea];
-  size_t req_len = t::build_request(t::kRrq, remote_name, req);
-  libq_log(quarry::kModTftp, quarry::kLogInfo, "Send Request Packet\n");
+  size_t req_len = t::announce_request(t::kRrq, remote_name, req);
   if (!t::send_request(conn.get(), req, req_len, err)) return -1;
   // The reply is left for dl_tftp_read; only its arrival is awaited here.
   int timeout = quarry::cfg_read(&dl_config::timeout_s);
@@ -151,8 +158,7 @@ DL_EXPORT int dl_tftp_send_open(dl_tftp_conn **out, const char *host, int port,
   ConnPtr conn = t::open_common(out, host, port, remote_name, err, true);
   if (!conn) return -1;
   uint8_t req[t::kRequestArea];
-  size_t req_len = t::build_request(t::kWrq, remote_name, req);
-  libq_log(quarry::kModTftp, quarry::kLogInfo, "Send Request Packet\n");
+  size_t req_len = t::announce_request(t::kWrq, remote_name, req);
   if (!t::negotiate_write(conn.get(), req, req_len, err)) return -1;
   conn->block = 1;
   return t::opened(out, std::move(conn));
