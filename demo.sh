@@ -20,6 +20,7 @@ SERVER=$WORK/nginx
 cleanup() {
   tests/servers/nginx.sh stop "$SERVER" >/dev/null 2>&1 || true
   tests/servers/vsftpd.sh stop "$WORK/vsftpd" >/dev/null 2>&1 || true
+  tests/servers/tftpd.sh stop "$WORK/tftpd" >/dev/null 2>&1 || true
   rm -rf "$WORK"
 }
 trap cleanup EXIT
@@ -114,6 +115,42 @@ step "distinctive ring: the second call is a cache hit" \
 requests
 step "distinctive ring by name only" \
   "$Q" ring "" Bellcore-dr2
+# TFTP: tftpd-hpa on loopback (block size 1432, uploads of new files).
+TFTP_PORT=$(free_port)
+TFTP6_PORT=$(free_port)
+tests/servers/tftpd.sh start "$WORK/tftpd" "$TFTP_PORT" "$TFTP6_PORT" >/dev/null
+TFTP=tftp://127.0.0.1:$TFTP_PORT
+echo
+echo "tftpd-hpa on udp 127.0.0.1:$TFTP_PORT and [::1]:$TFTP6_PORT"
+
+step "TFTP: stream a file to standard output" \
+  "$Q" get "$TFTP/hello.txt"
+
+step "TFTP: a URL without a scheme is a TFTP one" \
+  "$Q" get "127.0.0.1:$TFTP_PORT/hello.txt"
+
+step "TFTP: download a 3 MB file with 1432-byte blocks" \
+  "$Q" get "$TFTP/3M.bin" -o "$WORK/3M.bin" --set max_file_size=4194304
+cmp "$WORK/tftpd/root/3M.bin" "$WORK/3M.bin" && echo "identical to the server's copy"
+
+if [ "$(cat "$WORK/tftpd/ipv6")" = yes ]; then
+  step "TFTP over IPv6" \
+    "$Q" get "tftp://[::1]:$TFTP6_PORT/hello.txt" --set ipv6_enable=1
+fi
+
+head -c 100000 /dev/urandom > "$WORK/tftp-up.bin"
+step "TFTP: upload into the server's directory (the local file's name is kept)" \
+  "$Q" put "$WORK/tftp-up.bin" "$TFTP/"
+# The server may still be writing the last block when the client is done.
+for _ in 1 2 3 4 5 6 7 8 9 10; do
+  cmp -s "$WORK/tftp-up.bin" "$WORK/tftpd/root/tftp-up.bin" && break
+  sleep 0.1
+done
+cmp "$WORK/tftp-up.bin" "$WORK/tftpd/root/tftp-up.bin" && echo "stored identical"
+
+SILENT=tftp://127.0.0.1:$(free_port)/x
+printf '\n== TFTP: nothing answers (reported after 3 s)\n$ %s\n' "$Q get $SILENT -o $WORK/x"
+"$Q" get "$SILENT" -o "$WORK/x" || echo "(exit status $?)"
 
 echo
 echo "demo finished"

@@ -71,6 +71,7 @@ constexpr Spec kSpecs[] = {
     {"pureftpd", "pureftpd.sh", {"ftp"}, true, false, "home", "home"},
     {"dnsmasq", "dnsmasq.sh", {"dns"}, false, false, "", ""},
     {"tls", "tls.sh", {"tls1_0", "tls1_1", "tls1_2", "tls1_3"}, false, true, "", ""},
+    {"atftpd", "atftpd.sh", {"tftp"}, false, false, "root", "root"},
 };
 
 const Spec *find_spec(const std::string &name) {

@@ -57,6 +57,8 @@ namespace quarry_test {
 //              (see tests/servers/dnsmasq.sh)
 //   "tls"      tls1_0, tls1_1, tls1_2, tls1_3: s_server -www, one version
 //              each, cipher list "DEFAULT:@SECLEVEL=0"
+//   "atftpd"   tftp (127.0.0.1); root (hello.txt, 1M.bin), uploads of new
+//              files; a second TFTP implementation
 // The https servers present pki("server.crt"), issued by pki("ca.crt").
 class RealServer {
  public:
