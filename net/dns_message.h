@@ -12,6 +12,8 @@ namespace quarry {
 
 // Room for one message sent or received over UDP.
 constexpr size_t kDnsMessageRoom = 1500;
+// Identifier, flags and the four section counts.
+constexpr size_t kDnsHeaderLen = 12;
 
 // Writes the query for |name|, |type| and |qclass| with identifier |id|
 // and recursion desired into |buf| (|room| bytes). Returns its length, or

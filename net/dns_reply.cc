@@ -12,7 +12,6 @@ namespace quarry {
 
 namespace {
 
-constexpr size_t kHeaderLen = 12;
 constexpr uint16_t kFlagResponse = 0x8000;
 constexpr uint16_t kFlagTruncated = 0x0200;
 constexpr uint16_t kRcodeMask = 0x000F;
@@ -147,7 +146,7 @@ int dns_read_reply(const uint8_t *msg, size_t len, uint16_t id, const char *name
                    dns_answer *answer) {
   DnsCursor c(msg, len);
   Header h;
-  if (len < kHeaderLen || !read_header(&c, &h)) return -1;
+  if (len < kDnsHeaderLen || !read_header(&c, &h)) return -1;
   // A server error, a refusal or a name that does not exist count as no
   // answer from this server, as does a truncated reply.
   if (h.id != id || (h.flags & kFlagResponse) == 0 || (h.flags & kFlagTruncated) != 0 ||

@@ -8,7 +8,6 @@ namespace quarry {
 
 namespace {
 
-constexpr size_t kHeaderLen = 12;
 constexpr uint16_t kFlagRecursionDesired = 0x0100;
 constexpr size_t kMaxNameLen = 255;
 constexpr size_t kMaxLabelLen = 63;
@@ -33,7 +32,7 @@ size_t refuse() {
 size_t dns_build_query(uint8_t *buf, size_t room, uint16_t id, const char *name, int type,
                        int qclass) {
   const size_t name_len = strlen(name);
-  if (name_len > kMaxNameLen || kHeaderLen + name_len + kNameOverhead + kTypeClassLen > room) {
+  if (name_len > kMaxNameLen || kDnsHeaderLen + name_len + kNameOverhead + kTypeClassLen > room) {
     return refuse();
   }
   uint8_t *p = put16(buf, id);
