@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
 #include <functional>
 #include <mutex>
 #include <string>
@@ -173,6 +174,13 @@ class DnsPeer {
     return queries_;
   }
   size_t query_count() const { return queries().size(); }
+  // Waits up to a second for |n| queries to have arrived; the count then.
+  size_t wait_for_queries(size_t n) const {
+    for (int i = 0; i < 100 && query_count() < n; ++i) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return query_count();
+  }
   // The source port of each query, in arrival order.
   std::vector<uint16_t> source_ports() const {
     std::lock_guard<std::mutex> lock(mutex_);

@@ -17,6 +17,7 @@
 #include "quarry.h"
 #include "tools/cli_options.h"
 #include "tools/progress.h"
+#include "tools/resolve_cmd.h"
 
 namespace {
 
@@ -191,6 +192,7 @@ int run_put(const Args &args) {
 }  // namespace
 
 int main(int argc, char **argv) {
+  if (argc >= 2 && strcmp(argv[1], "resolve") == 0) return quarry_cli::run_resolve(argc - 2, argv + 2);
   Args args;
   if (!parse_args(argc, argv, &args)) return usage();
   if (args.command == "version") {
