@@ -71,13 +71,14 @@ int check_questions(DnsCursor *c, uint16_t qdcount, const char *name) {
 }
 
 // Copies the addresses of one A or AAAA record, up to the record's cap.
-void take_addresses(DnsCursor *c, const Record &r, size_t addr_len, dns_answer *answer) {
+bool take_addresses(DnsCursor *c, const Record &r, size_t addr_len, dns_answer *answer) {
   uint32_t room = kDnsMaxAddrs - answer->count;
   uint32_t n = static_cast<uint32_t>(r.rdlength / addr_len);
   if (n > room) n = room;
-  c->bytes(answer->addr + answer->count * addr_len, n * addr_len);
+  if (!c->bytes(answer->addr + answer->count * addr_len, n * addr_len)) return false;
   answer->count += n;
   answer->flags |= kAnswerTaken;
+  return true;
 }
 
 int data_length_error() {
@@ -95,11 +96,11 @@ int read_answer(DnsCursor *c, int type, dns_answer *answer) {
   int step = 0;
   if (in && r.type == kDnsTypeA && type == kDnsTypeA) {
     if (r.rdlength % kDnsIpv4Len != 0) return data_length_error();
-    take_addresses(c, r, kDnsIpv4Len, answer);
+    if (!take_addresses(c, r, kDnsIpv4Len, answer)) return -1;
     if (answer->count >= kDnsMaxAddrs) step = 1;
   } else if (in && r.type == kDnsTypeAAAA && type == kDnsTypeAAAA) {
     if (r.rdlength % kDnsIpv6Len != 0) return -1;
-    take_addresses(c, r, kDnsIpv6Len, answer);
+    if (!take_addresses(c, r, kDnsIpv6Len, answer)) return -1;
     if (answer->count >= kDnsMaxAddrs) step = 1;
   } else if (in && r.type == kDnsTypePtr && type == kDnsTypePtr) {
     // The name text goes over the count and the addresses.

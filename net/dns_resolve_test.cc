@@ -3,6 +3,7 @@
 #include <string>
 #include <vector>
 
+#include "net/dns_context.h"
 #include "net/dns_test_peer.h"
 
 namespace quarry_test {
@@ -189,6 +190,22 @@ TEST_F(DnsResolve, ShortOrderClearsTheRest) {
   DnsPeer none(name_error());
   use_servers({none.nameserver_line()});
   EXPECT_EQ(resolve(kName, kA), -1);
+}
+
+TEST_F(DnsResolve, InitialisationSetsTheDefaults) {
+  quarry::DnsSettings s = quarry::dns_settings();
+  EXPECT_EQ(s.timeout_s, 5);
+  EXPECT_EQ(s.passes, 2);
+  EXPECT_EQ(s.seq[0], 1);
+  EXPECT_EQ(s.seq[1], 2);
+}
+
+TEST_F(DnsResolve, SettersStoreTheirValues) {
+  ASSERT_EQ(dl_dns_set_timeout(9), 0);
+  ASSERT_EQ(dl_dns_set_nretry(4), 0);
+  quarry::DnsSettings s = quarry::dns_settings();
+  EXPECT_EQ(s.timeout_s, 9);
+  EXPECT_EQ(s.passes, 4);
 }
 
 TEST_F(DnsResolve, SettersRefuseValuesBelowOne) {
