@@ -20,6 +20,7 @@
 #include "tools/progress.h"
 #include "tools/tls_options.h"
 #include "tools/ring_cmd.h"
+#include "tools/resolve_cmd.h"
 
 namespace {
 
@@ -216,6 +217,7 @@ int main(int argc, char **argv) {
     return usage(stdout);
   }
   if (argc >= 2 && strcmp(argv[1], "ring") == 0) return quarry_cli::run_ring(argc - 2, argv + 2);
+  if (argc >= 2 && strcmp(argv[1], "resolve") == 0) return quarry_cli::run_resolve(argc - 2, argv + 2);
   Args args;
   if (!parse_args(argc, argv, &args)) return usage();
   if (args.command == "version") {
