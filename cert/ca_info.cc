@@ -77,15 +77,8 @@ X509 *load_for_info(const char *path, BioPtr *bio) {
     libq_log(kModCommon, kLogNotice, "path is directory, ret\n");
     return nullptr;
   }
-  bio->reset(BIO_new_file(path, "r"));
-  if (!*bio) {
-    ERR_clear_error();
-    libq_log(kModCommon, kLogError, "Bio_new_file error filename\n");
-    return nullptr;
-  }
-  X509 *x = read_cert(bio->get(), detect_format(path));
-  if (x == nullptr) libq_log(kModCommon, kLogError, "unable to load certificate filename\n");
-  return x;
+  return load_cert_file(path, bio, "Bio_new_file error filename\n",
+                        "unable to load certificate filename\n");
 }
 
 // The private key after the certificate in the same file.

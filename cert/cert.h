@@ -80,6 +80,13 @@ X509 *read_cert(BIO *bio, Format format);
 // null when none.
 EVP_PKEY *read_key(BIO *bio, Format format);
 
+// Opens |path| into |*bio| and loads its certificate in the detected
+// format, logging |open_failed| or |load_failed| (level 3) when that
+// fails. The BIO is left after the certificate; |format_out|, when given,
+// receives the format.
+X509 *load_cert_file(const char *path, BioPtr *bio, const char *open_failed,
+                     const char *load_failed, Format *format_out = nullptr);
+
 // The subject-name hash of the certificate file |path|, rewriting a DER
 // file as PEM in place; 0 (after its log line) when it is a directory or
 // no certificate can be read.

@@ -36,18 +36,6 @@ bool set_serial(X509 *x, const char *cn) {
   return ASN1_STRING_set(serial, cn, static_cast<int>(len)) == 1;
 }
 
-X509 *load_ca_cert(const char *path) {
-  BioPtr bio(BIO_new_file(path, "r"));
-  if (!bio) {
-    ERR_clear_error();
-    libq_log(kModCommon, kLogError, "Bio_new_file error root ca\n");
-    return nullptr;
-  }
-  X509 *x = read_cert(bio.get(), detect_format(path));
-  if (x == nullptr) libq_log(kModCommon, kLogError, "unable to load certificate filename\n");
-  return x;
-}
-
 X509 *make_client_cert(X509_REQ *req, X509 *ca, EVP_PKEY *ca_key, const char *cn) {
   X509Ptr x(X509_new());
   EVP_PKEY *req_key = X509_REQ_get0_pubkey(req);
@@ -118,7 +106,9 @@ DL_EXPORT int dl_generate_client_cert(const char *ca_cert_path, const char *ca_k
     ERR_clear_error();
     return -1;
   }
-  X509Ptr ca(load_ca_cert(ca_cert_path));
+  BioPtr ca_bio;
+  X509Ptr ca(load_cert_file(ca_cert_path, &ca_bio, "Bio_new_file error root ca\n",
+                            "unable to load certificate filename\n"));
   if (!ca) return -1;
   BioPtr ca_key_bio(BIO_new_file(ca_key_path, "r"));
   if (!ca_key_bio) {

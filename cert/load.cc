@@ -124,23 +124,31 @@ EVP_PKEY *read_key(BIO *bio, Format format) {
   return key;
 }
 
+X509 *load_cert_file(const char *path, BioPtr *bio, const char *open_failed,
+                     const char *load_failed, Format *format_out) {
+  bio->reset(path != nullptr ? BIO_new_file(path, "r") : nullptr);
+  if (!*bio) {
+    ERR_clear_error();
+    libq_log(kModCommon, kLogError, "%s", open_failed);
+    return nullptr;
+  }
+  Format format = detect_format(path);
+  if (format_out != nullptr) *format_out = format;
+  X509 *x = read_cert(bio->get(), format);
+  if (x == nullptr) libq_log(kModCommon, kLogError, "%s", load_failed);
+  return x;
+}
+
 unsigned long hash_cert_file(const char *path) {
   if (path != nullptr && dl_path_is_directory(path) == 1) {
     libq_log(kModCommon, kLogNotice, "path is directory, ret\n");
     return 0;
   }
-  BioPtr bio(path != nullptr ? BIO_new_file(path, "r") : nullptr);
-  if (!bio) {
-    ERR_clear_error();
-    libq_log(kModCommon, kLogError, "Bio_new_file error ca_file\n");
-    return 0;
-  }
-  Format format = detect_format(path);
-  X509Ptr x(read_cert(bio.get(), format));
-  if (!x) {
-    libq_log(kModCommon, kLogError, "unable to load certificate ca_file\n");
-    return 0;
-  }
+  BioPtr bio;
+  Format format = Format::kNone;
+  X509Ptr x(load_cert_file(path, &bio, "Bio_new_file error ca_file\n",
+                           "unable to load certificate ca_file\n", &format));
+  if (!x) return 0;
   if (format == Format::kDer && !rewrite_as_pem(path, x.get())) return 0;
   return X509_subject_name_hash(x.get());
 }
