@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "quarry.h"
+#include "tools/cert_cmd.h"
 #include "tools/cli_options.h"
 #include "tools/progress.h"
 
@@ -30,6 +31,7 @@ int usage() {
           "       quarry put FILE URL [--header 'Name: value'] [--put] [--name REMOTE] [options]\n"
           "       quarry version\n"
           "       quarry error CODE\n"
+          "       quarry cert ...  (the certificate store; \"quarry cert\" for its usage)\n"
           "options: --user U  --password P  --proxy URL  --set NAME=VALUE  -v\n"
           "settings for --set: %s\n",
           quarry_cli::option_names().c_str());
@@ -191,6 +193,7 @@ int run_put(const Args &args) {
 }  // namespace
 
 int main(int argc, char **argv) {
+  if (argc >= 2 && strcmp(argv[1], "cert") == 0) return quarry_cli::run_cert(argc, argv);
   Args args;
   if (!parse_args(argc, argv, &args)) return usage();
   if (args.command == "version") {
