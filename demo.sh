@@ -54,5 +54,13 @@ step "fetch the upload back" \
 printf '\n== a missing file is reported with its result code\n$ %s\n' "$Q get $BASE/files/missing.txt"
 "$Q" get "$BASE/files/missing.txt" -o "$WORK/missing.txt" || echo "(exit status $?)"
 
+TRUST=$WORK/trust
+step "install the server's CA into a trusted CA store" \
+  "$Q" cert install "$SERVER/pki/ca.crt" --trust "$TRUST"
+step "list the store" \
+  "$Q" cert list --trust "$TRUST"
+step "verify the server's certificate against the store" \
+  "$Q" cert verify "$SERVER/pki/server.crt" --trust "$TRUST"
+
 echo
 echo "demo finished"
