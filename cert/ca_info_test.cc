@@ -1,10 +1,13 @@
 // The basic and extended information records of one certificate file.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <string>
 
 #include "cert/cert_test_support.h"
 #include "quarry.h"
+#include "tests/support/child_process.h"
 
 namespace {
 
@@ -286,6 +289,31 @@ TEST_F(CaInfo, ExtendedRecordFailures) {
   EXPECT_EQ(dl_get_ca_info_ex(dir_.write("junk", "x").c_str(), &info, 0, &result), -1);
   EXPECT_EQ(result.status, 1);
   EXPECT_TRUE(log_->has(2, 3, "unable to load certificate filename\n"));
+}
+
+}  // namespace
+
+namespace {
+
+// Root reads every file, so the unreadable case runs as nobody.
+TEST_F(CaInfo, FileWithoutReadPermissionIsUnreadable) {
+  CertSpec spec;
+  std::string path = make("locked.pem", spec);
+  ASSERT_EQ(chmod(dir_.path().c_str(), 0755), 0);
+  ASSERT_EQ(chmod(path.c_str(), 0), 0);
+  std::string outcome = quarry_test::run_in_child([&] {
+    if (geteuid() == 0 && (setgid(65534) != 0 || setuid(65534) != 0)) return std::string("setuid");
+    if (access(path.c_str(), R_OK) == 0) return std::string("readable");
+    dl_ca_info info;
+    dl_ca_info_ex ex;
+    dl_cert_result result;
+    int basic = dl_get_ca_info(path.c_str(), &info);
+    int extended = dl_get_ca_info_ex(path.c_str(), &ex, 0, &result);
+    int installed = dl_install_ca(path.c_str());
+    return std::to_string(basic) + " " + std::to_string(extended) + " " +
+           std::to_string(result.status) + " " + std::to_string(installed);
+  });
+  EXPECT_EQ(outcome, "-2 -1 1 -1");
 }
 
 }  // namespace
