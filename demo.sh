@@ -24,7 +24,8 @@ cleanup() {
 trap cleanup EXIT
 
 HTTP_PORT=$(free_port)
-tests/servers/nginx.sh start "$SERVER" "$HTTP_PORT" "$(free_port)" "$(free_port)" >/dev/null
+HTTPS_PORT=$(free_port)
+tests/servers/nginx.sh start "$SERVER" "$HTTP_PORT" "$HTTPS_PORT" "$(free_port)" >/dev/null
 BASE=http://127.0.0.1:$HTTP_PORT
 
 step() { printf '\n== %s\n$ %s\n' "$1" "${*:2}"; "${@:2}"; }
@@ -51,6 +52,17 @@ step "upload by PUT (WebDAV)" \
 step "fetch the upload back" \
   "$Q" get "$BASE/upload/note.txt"
 
+step "https download, verified against the demo CA (the default trust is /etc/ssl/certs)" \
+  "$Q" get "https://localhost:$HTTPS_PORT/whoami" --set ssl_ca_path="$SERVER/pki/cadir"
+step "https with a client certificate" \
+  "$Q" get "https://localhost:$HTTPS_PORT/whoami" --set ssl_ca_path="$SERVER/pki/cadir" \
+  --cert "$SERVER/pki/client.pem"
+printf '\n== the demo CA is not in the system trust store, so by default the server is refused\n$ %s\n' \
+  "$Q get https://localhost:$HTTPS_PORT/files/hello.txt"
+"$Q" get "https://localhost:$HTTPS_PORT/files/hello.txt" || echo "(exit status $?)"
+step "--insecure skips the checks" \
+  "$Q" get "https://localhost:$HTTPS_PORT/files/hello.txt" --insecure
+
 printf '\n== a missing file is reported with its result code\n$ %s\n' "$Q get $BASE/files/missing.txt"
 "$Q" get "$BASE/files/missing.txt" -o "$WORK/missing.txt" || echo "(exit status $?)"
 
@@ -61,6 +73,8 @@ step "list the store" \
   "$Q" cert list --trust "$TRUST"
 step "verify the server's certificate against the store" \
   "$Q" cert verify "$SERVER/pki/server.crt" --trust "$TRUST"
+step "https download trusting that store only" \
+  "$Q" get "https://localhost:$HTTPS_PORT/files/hello.txt" --set ssl_ca_path="$TRUST/ca/"
 
 echo
 echo "demo finished"

@@ -5,7 +5,7 @@
 //   quarry version | quarry error CODE
 // Options for get and put: --user U, --password P, --proxy URL,
 // --set NAME=VALUE (any library option by name), -v (library log on
-// standard error at debug level).
+// standard error at debug level), --insecure and --cert FILE for https.
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -18,6 +18,7 @@
 #include "tools/cert_cmd.h"
 #include "tools/cli_options.h"
 #include "tools/progress.h"
+#include "tools/tls_options.h"
 
 namespace {
 
@@ -25,17 +26,19 @@ constexpr int kExitUsage = 2;
 constexpr size_t kRedirectSize = 512;
 constexpr int kReadChunk = 16384;
 
-int usage() {
-  fprintf(stderr,
+int usage(FILE *out = stderr) {
+  fprintf(out,
           "usage: quarry get URL [-o FILE] [options]\n"
           "       quarry put FILE URL [--header 'Name: value'] [--put] [--name REMOTE] [options]\n"
           "       quarry version\n"
           "       quarry error CODE\n"
           "       quarry cert ...  (the certificate store; \"quarry cert\" for its usage)\n"
           "options: --user U  --password P  --proxy URL  --set NAME=VALUE  -v\n"
+          "         --insecure  --cert FILE\n"
           "settings for --set: %s\n",
           quarry_cli::option_names().c_str());
-  return kExitUsage;
+  fputs(quarry_cli::tls_help(), out);
+  return out == stderr ? kExitUsage : 0;
 }
 
 struct Args {
@@ -50,6 +53,7 @@ struct Args {
   std::vector<std::string> settings;
   bool put = false;
   bool verbose = false;
+  quarry_cli::TlsOptions tls;
 };
 
 bool parse_args(int argc, char **argv, Args *args) {
@@ -62,7 +66,10 @@ bool parse_args(int argc, char **argv, Args *args) {
       *out = argv[++i];
       return true;
     };
-    if (arg == "-o" || arg == "--output") {
+    bool bad = false;
+    if (quarry_cli::parse_tls_option(argc, argv, &i, &args->tls, &bad)) {
+      if (bad) return false;
+    } else if (arg == "-o" || arg == "--output") {
       if (!value(&args->output)) return false;
     } else if (arg == "--user") {
       if (!value(&args->user)) return false;
@@ -110,6 +117,7 @@ void set_up_library(const Args &args) {
   } else {
     dl_log_init(0);
   }
+  quarry_cli::apply_tls_options(args.tls);
 }
 
 dl_request make_request(const Args &args, const std::string &url) {
@@ -193,6 +201,9 @@ int run_put(const Args &args) {
 }  // namespace
 
 int main(int argc, char **argv) {
+  if (argc == 2 && (strcmp(argv[1], "--help") == 0 || strcmp(argv[1], "-h") == 0)) {
+    return usage(stdout);
+  }
   if (argc >= 2 && strcmp(argv[1], "cert") == 0) return quarry_cli::run_cert(argc, argv);
   Args args;
   if (!parse_args(argc, argv, &args)) return usage();
