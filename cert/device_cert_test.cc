@@ -1,5 +1,6 @@
 // The device certificate: install, separate install, delete, information.
 #include <gtest/gtest.h>
+#include <openssl/ssl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -265,6 +266,36 @@ TEST_F(DeviceCert, InfoFailures) {
   EXPECT_TRUE(log_->has(2, 3, "Invalid Parameter\n"));
   dl_ca_info info;
   EXPECT_EQ(dl_get_ser_ca_info(&info), -2);
+}
+
+}  // namespace
+
+namespace {
+
+// The phone's own keys and client certificates (RSA 1024, MD5) are below
+// the system's security level; they are still a usable pair.
+TEST_F(DeviceCert, PairBelowTheSystemSecurityLevelIsAccepted) {
+  set_method(3);  // the negotiating context keeps the system's level
+  cert_test::Key ca_key = cert_test::rsa_key(2048);
+  CertSpec ca_spec;
+  ca_spec.subject = "/CN=Weak CA";
+  ca_spec.ca = true;
+  cert_test::Cert ca = cert_test::make_cert(ca_spec, ca_key.get());
+  cert_test::Key key = cert_test::rsa_key(1024);
+  CertSpec spec;
+  spec.subject = "/CN=weak";
+  spec.md = EVP_md5();
+  cert_test::Cert x = cert_test::make_cert(spec, key.get(), ca.get(), ca_key.get());
+  cert_test::write_pem(file("weak.pem"), x.get());
+  cert_test::write_key(file("weak.pem"), key.get(), nullptr, true);
+  SSL_CTX *system_level = SSL_CTX_new(TLS_method());
+  EXPECT_NE(SSL_CTX_use_certificate_file(system_level, file("weak.pem").c_str(), SSL_FILETYPE_PEM),
+            1);
+  SSL_CTX_free(system_level);
+  EXPECT_EQ(dl_install_ser_ca(file("weak.pem").c_str()), 0) << log_->text();
+  dl_cert_result result;
+  EXPECT_EQ(dl_cert_verify(file("weak.pem").c_str(), nullptr, nullptr, 1, &result), -1);
+  EXPECT_EQ(result.status, 6);  // only the issuer is missing
 }
 
 }  // namespace

@@ -8,28 +8,22 @@
 
 #include "cert/cert.h"
 #include "core/core.h"
+#include "tls/tls.h"
 
 namespace quarry {
 namespace cert {
 
 namespace {
 
-using MethodConstructor = const SSL_METHOD *(*)();
-
-// SSL 2 and SSL 3 are gone from OpenSSL 3: their contexts cannot be made.
-constexpr MethodConstructor kMethods[] = {
-    TLSv1_method, nullptr, nullptr, SSLv23_method, TLSv1_1_method, TLSv1_2_method,
-};
-constexpr uint32_t kMethodCount = sizeof kMethods / sizeof kMethods[0];
-
 // The pair is checked for being usable at all, as OpenSSL 1.0 did; the
 // system's security level would also judge key sizes and digests, which
 // is for the handshake to decide, not for the installer.
 constexpr int kNoSecurityLevel = 0;
 
+// SSL 2 and SSL 3 are gone from OpenSSL 3: their contexts cannot be made.
 SSL_CTX *checking_context(uint32_t method) {
-  if (method >= kMethodCount || kMethods[method] == nullptr) return nullptr;
-  SSL_CTX *ctx = SSL_CTX_new(kMethods[method]());
+  if (!tls_method_known(static_cast<int>(method))) return nullptr;
+  SSL_CTX *ctx = tls_context_new(static_cast<int>(method));
   if (ctx != nullptr) SSL_CTX_set_security_level(ctx, kNoSecurityLevel);
   return ctx;
 }
