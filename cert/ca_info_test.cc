@@ -19,15 +19,7 @@ using cert_test::trim;
 class CaInfo : public cert_test::CertTest {
  protected:
   std::string make(const std::string &name, const CertSpec &spec, bool der = false) {
-    cert_test::Key key = cert_test::ec_key();
-    cert_test::Cert x = cert_test::make_cert(spec, key.get());
-    std::string path = file(name);
-    if (der) {
-      cert_test::write_der(path, x.get());
-    } else {
-      cert_test::write_pem(path, x.get());
-    }
-    return path;
+    return cert_test::write_self_signed(file(name), spec, der);
   }
   // The value openssl prints for |option| ("-enddate" gives
   // "notAfter=..."), after the '='.

@@ -23,15 +23,7 @@ class CaStore : public cert_test::CertTest {
     CertSpec spec;
     spec.subject = subject;
     spec.ca = true;
-    cert_test::Key key = cert_test::ec_key();
-    cert_test::Cert x = cert_test::make_cert(spec, key.get());
-    std::string path = file(name);
-    if (der) {
-      cert_test::write_der(path, x.get());
-    } else {
-      cert_test::write_pem(path, x.get());
-    }
-    return path;
+    return cert_test::write_self_signed(file(name), spec, der);
   }
   std::string fingerprint(const std::string &path, const std::string &form = "PEM") {
     return run("openssl x509 -noout -fingerprint -sha256 -inform " + form + " -in " + quote(path) +

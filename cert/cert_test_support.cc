@@ -76,6 +76,17 @@ Cert make_cert(const CertSpec &spec, EVP_PKEY *key, X509 *issuer, EVP_PKEY *issu
   return x;
 }
 
+std::string write_self_signed(const std::string &path, const CertSpec &spec, bool der) {
+  Key key = ec_key();
+  Cert x = make_cert(spec, key.get());
+  if (der) {
+    write_der(path, x.get());
+  } else {
+    write_pem(path, x.get());
+  }
+  return path;
+}
+
 void write_pem(const std::string &path, X509 *x, bool append) {
   Bio bio(BIO_new_file(path.c_str(), append ? "a" : "w"));
   PEM_write_bio_X509(bio.get(), x);

@@ -45,6 +45,10 @@ struct CertSpec {
 Cert make_cert(const CertSpec &spec, EVP_PKEY *key, X509 *issuer = nullptr,
                EVP_PKEY *issuer_key = nullptr);
 
+// A self-signed certificate of |spec| with a new EC key, written to |path|
+// (DER when |der|); returns |path|.
+std::string write_self_signed(const std::string &path, const CertSpec &spec, bool der = false);
+
 void write_pem(const std::string &path, X509 *x, bool append = false);
 void write_der(const std::string &path, X509 *x);
 // PEM private key, encrypted with AES-256 when |password| is given.
