@@ -151,6 +151,15 @@ cmp "$WORK/tftp-up.bin" "$WORK/tftpd/root/tftp-up.bin" && echo "stored identical
 SILENT=tftp://127.0.0.1:$(free_port)/x
 printf '\n== TFTP: nothing answers (reported after 3 s)\n$ %s\n' "$Q get $SILENT -o $WORK/x"
 "$Q" get "$SILENT" -o "$WORK/x" || echo "(exit status $?)"
+TRUST=$WORK/trust
+step "install the server's CA into a trusted CA store" \
+  "$Q" cert install "$SERVER/pki/ca.crt" --trust "$TRUST"
+step "list the store" \
+  "$Q" cert list --trust "$TRUST"
+step "verify the server's certificate against the store" \
+  "$Q" cert verify "$SERVER/pki/server.crt" --trust "$TRUST"
+step "https download trusting that store only" \
+  "$Q" get "https://localhost:$HTTPS_PORT/files/hello.txt" --set ssl_ca_path="$TRUST/ca/"
 
 echo
 echo "demo finished"

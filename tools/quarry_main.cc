@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "quarry.h"
+#include "tools/cert_cmd.h"
 #include "tools/cli_options.h"
 #include "tools/progress.h"
 #include "tools/tls_options.h"
@@ -35,6 +36,7 @@ int usage(FILE *out = stderr) {
           "       quarry put FILE ftp://... [--append | --store] [--limit-mode 1|2] [options]\n"
           "       quarry version\n"
           "       quarry error CODE\n"
+          "       quarry cert ...  (the certificate store; \"quarry cert\" for its usage)\n"
           "options: --user U  --password P  --proxy URL  --set NAME=VALUE  -v\n"
           "         --insecure  --cert FILE\n"
           "settings for --set: %s\n",
@@ -218,6 +220,7 @@ int main(int argc, char **argv) {
   }
   if (argc >= 2 && strcmp(argv[1], "ring") == 0) return quarry_cli::run_ring(argc - 2, argv + 2);
   if (argc >= 2 && strcmp(argv[1], "resolve") == 0) return quarry_cli::run_resolve(argc - 2, argv + 2);
+  if (argc >= 2 && strcmp(argv[1], "cert") == 0) return quarry_cli::run_cert(argc, argv);
   Args args;
   if (!parse_args(argc, argv, &args)) return usage();
   if (args.command == "version") {

@@ -10,6 +10,9 @@
 #               over https), /tohttp (302 to plain HTTP); HTTP_PORT's /tohttps
 #               redirects here
 #   MTLS_PORT   TLS, client certificate required (400 without one), /files/
+# NGINX_SSL_CIPHERS, when set, becomes the TLS servers' ssl_ciphers (for
+# example "DEFAULT:@SECLEVEL=0" to accept client certificates signed with
+# MD5); unset, nginx keeps its default.
 # Usage: nginx.sh start DIR HTTP_PORT HTTPS_PORT MTLS_PORT | nginx.sh stop DIR
 # PKI_DIR names an existing test PKI; otherwise one is made in DIR/pki.
 source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
@@ -48,6 +51,7 @@ tls_server() {  # tls_server PORT CLIENT_VERIFY [MORE_LOCATIONS]
         ssl_certificate $P/server.crt;  ssl_certificate_key $P/server.key;
         ssl_protocols TLSv1.2 TLSv1.3;
         ssl_client_certificate $P/ca.crt;  ssl_verify_client $2;
+        ${NGINX_SSL_CIPHERS:+ssl_ciphers $NGINX_SSL_CIPHERS;}
         location /files/ { }
 ${3:-}
     }
