@@ -1,31 +1,56 @@
 #!/usr/bin/env bash
-# Installs what is missing, builds, and runs every test twice: in a normal
-# build and in an AddressSanitizer + UndefinedBehaviorSanitizer build.
+# Installs what is missing, builds, and runs every test: in a normal build,
+# in an AddressSanitizer + UndefinedBehaviorSanitizer build, and the fuzz
+# targets for a short fixed number of inputs. Prints each stage's time at
+# the end.
 set -uo pipefail
 cd "$(dirname "$0")"
 
 JOBS=$(nproc 2>/dev/null || echo 2)
+FUZZ_RUNS=${QUARRY_FUZZ_RUNS:-20000}
 
-tests/servers/install-deps.sh || { echo "installing dependencies failed" >&2; exit 1; }
+# Real servers must be there: a missing one fails its test instead of skipping.
+export QUARRY_REQUIRE_SERVERS=1
+
+timings=()
+status=0
+# stage NAME COMMAND...: runs a stage, records its time and outcome.
+stage() {
+  local name=$1; shift
+  local start=$SECONDS
+  echo "=== $name ==="
+  "$@"
+  local rc=$?
+  timings+=("$(printf '%-36s %5ds  %s' "$name" $((SECONDS - start)) "$([ $rc -eq 0 ] && echo ok || echo FAILED)")")
+  [ $rc -eq 0 ] || status=1
+  return $rc
+}
+
+report() {
+  echo
+  echo "=== stage times ==="
+  printf '%s\n' "${timings[@]}"
+  printf '%-36s %5ds\n' total "$SECONDS"
+}
+trap report EXIT
 
 build() {  # build DIR extra-cmake-args...
   local dir=$1; shift
+  mkdir -p "$dir"
   cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DQUARRY_WERROR=ON "$@" >"$dir.configure.log" 2>&1 \
     || { cat "$dir.configure.log"; return 1; }
   cmake --build "$dir" -j"$JOBS"
 }
 
-# Real servers must be there: a missing one fails its test instead of skipping.
-export QUARRY_REQUIRE_SERVERS=1
+run_sanitized_tests() {
+  ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+    ctest --test-dir build-asan --output-on-failure -j"$JOBS"
+}
 
-mkdir -p build build-asan
-build build-asan -DQUARRY_SANITIZE=ON || exit 1
-build build || exit 1
-
-status=0
-echo "=== tests under AddressSanitizer + UndefinedBehaviorSanitizer ==="
-ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
-  ctest --test-dir build-asan --output-on-failure -j"$JOBS" || status=1
-echo "=== tests ==="
-ctest --test-dir build --output-on-failure -j"$JOBS" || status=1
+stage "install dependencies" tests/servers/install-deps.sh || exit 1
+stage "build (ASan+UBSan)" build build-asan -DQUARRY_SANITIZE=ON || exit 1
+stage "build" build build || exit 1
+stage "tests (ASan+UBSan)" run_sanitized_tests
+stage "tests" ctest --test-dir build --output-on-failure -j"$JOBS"
+stage "fuzz targets, $FUZZ_RUNS inputs each" fuzz/run.sh --runs "$FUZZ_RUNS"
 exit $status

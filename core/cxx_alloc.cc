@@ -2,8 +2,8 @@
 // only, so that it needs no C++ runtime (libstdc++ also brings a 72 KiB
 // emergency pool into every process that loads it). The library's own
 // code allocates with malloc; these are here so that a stray new or
-// delete still links. The linker keeps them local to the library
-// (cmake/local_symbols.map): programs keep their own operators.
+// delete still links. The version script keeps them local to the library
+// (cmake/quarry_symbols.cmake): programs keep their own operators.
 #include <stdlib.h>
 
 #include <new>

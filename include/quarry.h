@@ -972,12 +972,27 @@ DL_EXPORT extern const char *const ring_tab[];
  * align 1, little-endian. */
 DL_EXPORT extern const uint8_t wave_fmt[26];
 
+/* The host of an alert URL that only carries a ring name, as 127.0.0.1
+ * does: "http://ring.invalid/..." is never fetched (".invalid" never
+ * resolves, RFC 2606); the call handling puts the ring name in |name|.
+ * Compared without regard to case. */
+#define DL_RING_PLACEHOLDER_HOST "ring.invalid"
+
 /* dl_distinctive_ringtone_download decides the ring for an alert |url|
- * and ring |name| (either may be NULL or empty): a cached or downloaded
- * WAV file, whose path is copied into |path_out| (strncpy with
- * |path_len|), or a ring number in |*ring_out| (-1 when none was found).
- * Returns 1 when a ring was determined, 0 for the default ring (every
- * failure, and NULL |ring_out| or |path_out|). Nothing to free. */
+ * and ring |name| (either may be NULL or empty). Without a URL, or with
+ * one that does not parse, the name (else the URL text) is looked up: a
+ * ring_tab prefix with the ring number after it, then the configured
+ * ring_map entries. A URL on 127.0.0.1 or DL_RING_PLACEHOLDER_HOST is
+ * never fetched; the name decides. Any other URL is fetched once over
+ * HTTP into "/tmp/<md5 of the URL>.wav" (announced length at most 204800
+ * bytes, head matching wave_fmt) and the path is copied into |path_out|
+ * (strncpy with |path_len|); later calls find the file and send nothing.
+ * A failed fetch falls back to the name. Returns 1 when a ring was
+ * determined (a path, or a number in |*ring_out|, which stays -1 when a
+ * name carried none), 0 for the default ring (every failure, and NULL
+ * |ring_out| or |path_out|). A download cut off midway leaves its partial
+ * file, which later calls take as cached: delete it to fetch again.
+ * Nothing to free. */
 DL_EXPORT int dl_distinctive_ringtone_download(const char *url, const char *name,
                                                int32_t *ring_out, char *path_out,
                                                size_t path_len);

@@ -2,10 +2,11 @@
 //
 //   quarry get URL [-o FILE]
 //   quarry put FILE URL [--header 'Name: value'] [--put] [--name REMOTE]
+//              [--append | --store] [--limit-mode 1|2]   (ftp)
 //   quarry version | quarry error CODE
 // Options for get and put: --user U, --password P, --proxy URL,
 // --set NAME=VALUE (any library option by name), -v (library log on
-// standard error at debug level).
+// standard error at debug level), --insecure and --cert FILE for https.
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -15,8 +16,12 @@
 #include <vector>
 
 #include "quarry.h"
+#include "tools/cert_cmd.h"
 #include "tools/cli_options.h"
 #include "tools/progress.h"
+#include "tools/tls_options.h"
+#include "tools/ring_cmd.h"
+#include "tools/resolve_cmd.h"
 
 namespace {
 
@@ -24,16 +29,20 @@ constexpr int kExitUsage = 2;
 constexpr size_t kRedirectSize = 512;
 constexpr int kReadChunk = 16384;
 
-int usage() {
-  fprintf(stderr,
+int usage(FILE *out = stderr) {
+  fprintf(out,
           "usage: quarry get URL [-o FILE] [options]\n"
           "       quarry put FILE URL [--header 'Name: value'] [--put] [--name REMOTE] [options]\n"
+          "       quarry put FILE ftp://... [--append | --store] [--limit-mode 1|2] [options]\n"
           "       quarry version\n"
           "       quarry error CODE\n"
+          "       quarry cert ...  (the certificate store; \"quarry cert\" for its usage)\n"
           "options: --user U  --password P  --proxy URL  --set NAME=VALUE  -v\n"
+          "         --insecure  --cert FILE\n"
           "settings for --set: %s\n",
           quarry_cli::option_names().c_str());
-  return kExitUsage;
+  fputs(quarry_cli::tls_help(), out);
+  return out == stderr ? kExitUsage : 0;
 }
 
 struct Args {
@@ -48,6 +57,9 @@ struct Args {
   std::vector<std::string> settings;
   bool put = false;
   bool verbose = false;
+  quarry_cli::TlsOptions tls;
+  int ftp_post_mode = 0;   // 1 append, 2 store; ftp URLs store by default
+  int ftp_limit_mode = 0;  // over max_file_size: 1 store instead, 2 stop
 };
 
 bool parse_args(int argc, char **argv, Args *args) {
@@ -60,7 +72,10 @@ bool parse_args(int argc, char **argv, Args *args) {
       *out = argv[++i];
       return true;
     };
-    if (arg == "-o" || arg == "--output") {
+    bool bad = false;
+    if (quarry_cli::parse_tls_option(argc, argv, &i, &args->tls, &bad)) {
+      if (bad) return false;
+    } else if (arg == "-o" || arg == "--output") {
       if (!value(&args->output)) return false;
     } else if (arg == "--user") {
       if (!value(&args->user)) return false;
@@ -80,6 +95,12 @@ bool parse_args(int argc, char **argv, Args *args) {
       args->settings.push_back(setting);
     } else if (arg == "--put") {
       args->put = true;
+    } else if (arg == "--append" || arg == "--store") {
+      args->ftp_post_mode = arg == "--append" ? 1 : 2;
+    } else if (arg == "--limit-mode") {
+      std::string mode;
+      if (!value(&mode)) return false;
+      args->ftp_limit_mode = atoi(mode.c_str());
     } else if (arg == "-v" || arg == "--verbose") {
       args->verbose = true;
     } else if (!arg.empty() && arg[0] == '-') {
@@ -108,6 +129,7 @@ void set_up_library(const Args &args) {
   } else {
     dl_log_init(0);
   }
+  quarry_cli::apply_tls_options(args.tls);
 }
 
 dl_request make_request(const Args &args, const std::string &url) {
@@ -180,8 +202,10 @@ int run_put(const Args &args) {
   char redirect[kRedirectSize] = "";
   dl_error err = {};
   int mode = args.put ? DL_HTTP_PUT : DL_HTTP_POST;
+  if (url.compare(0, 6, "ftp://") == 0) mode = args.ftp_post_mode != 0 ? args.ftp_post_mode : 2;
   const char *remote = args.remote_name.empty() ? nullptr : args.remote_name.c_str();
-  if (dl_upload(&req, file.c_str(), remote, redirect, &err, args.headers.c_str(), mode, 0) != 0) {
+  if (dl_upload(&req, file.c_str(), remote, redirect, &err, args.headers.c_str(), mode,
+                args.ftp_limit_mode) != 0) {
     return report_failure(err);
   }
   fprintf(stderr, "quarry: sent %s\n", file.c_str());
@@ -191,6 +215,12 @@ int run_put(const Args &args) {
 }  // namespace
 
 int main(int argc, char **argv) {
+  if (argc == 2 && (strcmp(argv[1], "--help") == 0 || strcmp(argv[1], "-h") == 0)) {
+    return usage(stdout);
+  }
+  if (argc >= 2 && strcmp(argv[1], "ring") == 0) return quarry_cli::run_ring(argc - 2, argv + 2);
+  if (argc >= 2 && strcmp(argv[1], "resolve") == 0) return quarry_cli::run_resolve(argc - 2, argv + 2);
+  if (argc >= 2 && strcmp(argv[1], "cert") == 0) return quarry_cli::run_cert(argc, argv);
   Args args;
   if (!parse_args(argc, argv, &args)) return usage();
   if (args.command == "version") {

@@ -5,8 +5,14 @@
 #               Basic), chunked /chunked (echo module) and /chunkedfile/
 #               (sub_filter drops the length), /slow, /headers (echoes the
 #               request head), keep-alive
-#   HTTPS_PORT  TLS 1.2/1.3, optional client certificate, /files/, /whoami
+#   HTTPS_PORT  TLS 1.2/1.3, optional client certificate, /files/, /whoami,
+#               Basic auth /private/, PUT /upload/, /r301 (to /files/hello.txt
+#               over https), /tohttp (302 to plain HTTP); HTTP_PORT's /tohttps
+#               redirects here
 #   MTLS_PORT   TLS, client certificate required (400 without one), /files/
+# NGINX_SSL_CIPHERS, when set, becomes the TLS servers' ssl_ciphers (for
+# example "DEFAULT:@SECLEVEL=0" to accept client certificates signed with
+# MD5); unset, nginx keeps its default.
 # Usage: nginx.sh start DIR HTTP_PORT HTTPS_PORT MTLS_PORT | nginx.sh stop DIR
 # PKI_DIR names an existing test PKI; otherwise one is made in DIR/pki.
 source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
@@ -46,6 +52,7 @@ tls_server() {  # tls_server PORT CLIENT_VERIFY [MORE_LOCATIONS]
         ssl_certificate $P/server.crt;  ssl_certificate_key $P/server.key;
         ssl_protocols TLSv1.2 TLSv1.3;
         ssl_client_certificate $P/ca.crt;  ssl_verify_client $2;
+        ${NGINX_SSL_CIPHERS:+ssl_ciphers $NGINX_SSL_CIPHERS;}
         location /files/ { }
 ${3:-}
     }
@@ -95,11 +102,19 @@ http {
         }
         location = /slow { default_type text/plain; echo_sleep 5; echo "late"; }
         location = /headers { default_type text/plain; echo -n \$echo_client_request_headers; }
+        location = /tohttps { return 302 https://127.0.0.1:$HTTPS/files/hello.txt; }
     }
 $(tls_server "$HTTPS" optional '        location = /whoami {
             default_type text/plain;
             return 200 "verify=$ssl_client_verify dn=$ssl_client_s_dn proto=$ssl_protocol\n";
-        }')
+        }
+        location /private/ { auth_basic "phone realm"; auth_basic_user_file htpasswd; }
+        location /upload/ {
+            alias upload/;
+            dav_methods PUT; create_full_put_path on; client_max_body_size 0;
+        }
+        location = /r301   { return 301 /files/hello.txt; }
+        location = /tohttp { return 302 http://127.0.0.1:'"$HTTP"'/files/hello.txt; }')
 $(tls_server "$MTLS" on)
 }
 CONF

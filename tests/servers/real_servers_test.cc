@@ -444,6 +444,23 @@ TEST(VsftpdServerTest, AnonymousPassivePortIsInRange) {
   EXPECT_LE(port, ftp.port("pasv_max"));
 }
 
+// ---------------------------------------------------------------- pure-ftpd
+
+TEST(PureFtpdServerTest, VirtualUserLogsInAfterAMultiLineBanner) {
+  QUARRY_USE_SERVER(ftp, "pureftpd");
+  Socket s(connect_loopback(false, ftp.port("ftp")));
+  ASSERT_TRUE(s.valid());
+  EXPECT_TRUE(starts_with(read_until(s.get(), "\r\n"), "220-"));
+  ASSERT_TRUE(send_all(s.get(), "USER vuser\r\n"));
+  std::string reply;
+  while (!starts_with(reply, "331 ")) {
+    reply = read_until(s.get(), "\r\n");
+    ASSERT_FALSE(reply.empty());
+  }
+  ASSERT_TRUE(send_all(s.get(), "PASS purepass\r\n"));
+  EXPECT_TRUE(starts_with(read_until(s.get(), "\r\n"), "230"));
+}
+
 // ---------------------------------------------------------------- tftpd-hpa
 
 // RRQ: opcode 1, file name, mode, then option/value pairs, all NUL-ended.

@@ -68,8 +68,10 @@ constexpr Spec kSpecs[] = {
     {"lighttpd", "lighttpd.sh", {"http"}, false, false, "www", "uploads"},
     {"vsftpd", "vsftpd.sh", {"ftp", "ftp6"}, true, false, "anon", "anon/incoming"},
     {"tftpd", "tftpd.sh", {"tftp", "tftp6"}, false, false, "root", "root"},
+    {"pureftpd", "pureftpd.sh", {"ftp"}, true, false, "home", "home"},
     {"dnsmasq", "dnsmasq.sh", {"dns"}, false, false, "", ""},
     {"tls", "tls.sh", {"tls1_0", "tls1_1", "tls1_2", "tls1_3"}, false, true, "", ""},
+    {"atftpd", "atftpd.sh", {"tftp"}, false, false, "root", "root"},
 };
 
 const Spec *find_spec(const std::string &name) {

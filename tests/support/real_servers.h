@@ -49,12 +49,16 @@ namespace quarry_test {
 //   "vsftpd"   ftp (127.0.0.1), ftp6 (::1), passive ports pasv_min..pasv_max;
 //              anonymous reads anon (pub/readme.txt), writes anon/incoming;
 //              ftpuser/ftppass in home/ftpuser (mine.txt)
+//   "pureftpd" ftp (127.0.0.1 only), passive ports pasv_min..pasv_max;
+//              vuser/purepass in home (pure.txt), no anonymous logins
 //   "tftpd"    tftp (127.0.0.1), tftp6 (::1); root (hello.txt, 3M.bin),
 //              uploads of new files, blksize capped at 1468
 //   "dnsmasq"  dns (udp and tcp, 127.0.0.1 and ::1), zone phone.test
 //              (see tests/servers/dnsmasq.sh)
 //   "tls"      tls1_0, tls1_1, tls1_2, tls1_3: s_server -www, one version
 //              each, cipher list "DEFAULT:@SECLEVEL=0"
+//   "atftpd"   tftp (127.0.0.1); root (hello.txt, 1M.bin), uploads of new
+//              files; a second TFTP implementation
 // The https servers present pki("server.crt"), issued by pki("ca.crt").
 class RealServer {
  public:

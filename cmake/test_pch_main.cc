@@ -1,0 +1,2 @@
+// The target that owns the tests' precompiled header; it never runs.
+int main() { return 0; }

@@ -1,0 +1,178 @@
+// Downloads: open (SIZE, then RETR), read exactly the announced size, and
+// save to a local file within the size limit.
+#include <errno.h>
+#include <string.h>
+#include <unistd.h>
+
+#include "ftp/ftp_conn.h"
+#include "net/net.h"
+
+namespace {
+
+using quarry::ftp_log;
+using quarry::kLogError;
+
+constexpr int kSizeOk = 213;
+constexpr int kRetrHighestStart = 150;
+constexpr int kPiece = 512;
+
+int read_invalid(dl_error *err) {
+  ftp_log(kLogError, "ftp read with invalid parameter\n");
+  if (err != nullptr) quarry::set_error(err, DL_ERR_PARAM);
+  return -1;
+}
+
+// The open's last steps on a live session: SIZE, then RETR. 0, or the
+// failure's code with its line logged.
+int start_retrieval(dl_ftp_conn *conn, const char *remote_path, char *reply) {
+  ftp_log(quarry::kLogInfo, "Sending size cmd to get file size\n");
+  const char *path = remote_path[0] == '/' ? remote_path + 1 : remote_path;
+  int ret = ftp_command(conn, "SIZE", path, reply, quarry::kFtpReplySize, kSizeOk,
+                        DL_ERR_FTP_REPLY);
+  if (ret < 0) {
+    ftp_log(kLogError, "Get file size error\n");
+    return ret;
+  }
+  conn->remaining = quarry::ftp_reply_number(reply);
+  ftp_log(quarry::kLogInfo, "File size:%d\n", static_cast<int>(conn->remaining));
+  ret = ftp_command(conn, "RETR", path, reply, quarry::kFtpReplySize, 0, 0);
+  if (ret < 0) {
+    ftp_log(kLogError, "Send RETR cmd Error\n");
+    return ret;
+  }
+  if (ret > kRetrHighestStart) {
+    ftp_log(kLogError, "Server response wrong code : %d\n", ret);
+    return DL_ERR_FTP_REPLY;
+  }
+  ftp_log(quarry::kLogNotice, "Open Success\n");
+  return 0;
+}
+
+int save_failed(dl_error *err, int code) {
+  quarry::set_error(err, code);
+  return -1;
+}
+
+// Copies the download into |file| within |max_size|. 0, or -1 with |err|
+// filled.
+int copy_to_file(dl_ftp_conn *conn, FILE *file, uint32_t max_size, dl_error *err) {
+  char piece[kPiece];
+  uint64_t total = 0;
+  for (;;) {
+    int n = dl_ftp_read(conn, piece, kPiece, err);
+    if (n < 0) return -1;
+    if (n == 0) {
+      ftp_log(quarry::kLogNotice, "recv: %d bytes\n", static_cast<int>(total));
+      return 0;
+    }
+    total += static_cast<uint64_t>(n);
+    if (total > max_size) {
+      ftp_log(kLogError, "exceed max size\n");
+      err->code = DL_ERR_MAX_SIZE;
+      snprintf(err->msg, quarry::kErrorTextRoom, "exceed max size %d", static_cast<int>(max_size));
+      return -1;
+    }
+    if (fwrite(piece, 1, static_cast<size_t>(n), file) != static_cast<size_t>(n)) {
+      ftp_log(kLogError, "write file error\n");
+      return save_failed(err, DL_ERR_FAIL);
+    }
+  }
+}
+
+}  // namespace
+
+extern "C" {
+
+DL_EXPORT int dl_ftp_open(dl_ftp_conn **out, const char *host, int port, const char *user,
+                          const char *password, const char *remote_path, dl_error *err) {
+  if (remote_path == nullptr || out == nullptr || host == nullptr || err == nullptr) {
+    ftp_log(kLogError, "Invalid Parameter\n");
+    if (out != nullptr) *out = nullptr;
+    if (err != nullptr) quarry::set_error(err, DL_ERR_PARAM);
+    return -1;
+  }
+  *out = nullptr;
+  if (!quarry::ftp_open_args_ok(host, port)) {
+    quarry::set_error(err, DL_ERR_PARAM);
+    return -1;
+  }
+  memset(err, 0, sizeof(*err));
+  char reply[quarry::kFtpReplySize];
+  int code = 0;
+  quarry::FtpConnPtr conn(
+      quarry::ftp_session_open(host, port, user, password, false, reply, &code));
+  if (conn) code = start_retrieval(conn.get(), remote_path, reply);
+  if (code != 0) {
+    quarry::ftp_fail(err, code, reply);
+    return -1;
+  }
+  *out = conn.release();
+  return 0;
+}
+
+DL_EXPORT int dl_ftp_read(dl_ftp_conn *conn, void *buf, int len, dl_error *err) {
+  if (buf == nullptr || conn == nullptr || err == nullptr) return read_invalid(err);
+  if (conn->magic != DL_FTP_MAGIC || conn->data == 0 || conn->data_closed || len < 0) {
+    return read_invalid(err);
+  }
+  uint32_t want = static_cast<uint32_t>(len);
+  if (conn->remaining < want) want = conn->remaining;
+  if (want == 0) return 0;
+  const int timeout_s = quarry::cfg_read(&dl_config::timeout_s);
+  char *bytes = static_cast<char *>(buf);
+  uint32_t got = 0;
+  while (dl_select(conn->data, quarry::kWaitReadable, timeout_s) >= 1) {
+    ssize_t n = read(conn->data, bytes + got, want - got);
+    if (n < 0) {
+      ftp_log(kLogError, "read error! errno %d\n", errno);
+      quarry::set_error(err, DL_ERR_READ);
+      return -1;
+    }
+    // The data connection ended before the announced size: nothing more
+    // can come, and waiting again would only spin.
+    if (n == 0) {
+      ftp_log(kLogError, "dl_select error! errno %d\n", 0);
+      quarry::set_error(err, DL_ERR_READ);
+      return -1;
+    }
+    got += static_cast<uint32_t>(n);
+    if (got == want) {
+      conn->remaining -= want;
+      return static_cast<int>(want);
+    }
+  }
+  ftp_log(kLogError, "dl_select error! errno %d\n", errno);
+  quarry::set_error(err, DL_ERR_READ);
+  return -1;
+}
+
+DL_EXPORT int dl_ftp_recv_to_file(const char *host, int port, const char *user,
+                                  const char *password, const char *remote_path,
+                                  const char *local_path, dl_error *err) {
+  dl_ftp_conn *raw = nullptr;
+  if (dl_ftp_open(&raw, host, port, user, password, remote_path, err) != 0) return -1;
+  quarry::FtpConnPtr conn(raw);
+  const char *name = local_path != nullptr ? local_path : quarry::ftp_download_name(remote_path);
+  quarry::FilePtr file(fopen(name, "wb"));
+  if (!file) {
+    // Nothing was created, so nothing is removed: the name may be someone
+    // else's file that could not be opened for writing.
+    ftp_log(kLogError, "Open file for recv fail!\n");
+    return -1;
+  }
+  const uint32_t max_size = quarry::cfg_read(&dl_config::max_file_size);
+  int ret = copy_to_file(conn.get(), file.get(), max_size, err);
+  conn.reset();
+  if (ret == 0 && fclose(file.release()) != 0) {
+    ftp_log(kLogError, "write file error\n");
+    ret = save_failed(err, DL_ERR_FAIL);
+  }
+  if (ret != 0) {
+    file.reset();
+    remove(name);
+    return -1;
+  }
+  return 0;
+}
+
+}  // extern "C"
