@@ -13,10 +13,7 @@ class HttpsNginx : public HttpRealTest {
   void SetUp() override {
     HttpRealTest::SetUp();
     server_ = &RealServer::shared("nginx");
-    if (!server_->ok()) {
-      if (server_->skippable()) GTEST_SKIP() << server_->error();
-      FAIL() << server_->error();
-    }
+    QUARRY_REQUIRE_SERVER(*server_);
     // What the quarry tool sets: negotiated version, full verification.
     std::string cadir = RealServer::pki("cadir");
     ASSERT_EQ(dl_set_option(DL_OPT_SSL_CA_PATH, cadir.c_str()), 0);
