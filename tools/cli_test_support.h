@@ -14,9 +14,12 @@ struct CliRun {
   std::string out;
 };
 
-// Runs the tool with |args| (standard error joined to standard output).
-inline CliRun run(const std::string &args) {
-  std::string command = std::string(QUARRY_CLI) + " " + args + " 2>&1";
+// Runs the tool with |args|; standard error is joined to standard output,
+// or dropped when only the output proper is compared.
+enum class Stderr { kJoined, kDropped };
+inline CliRun run(const std::string &args, Stderr err = Stderr::kJoined) {
+  std::string command = std::string(QUARRY_CLI) + " " + args +
+                        (err == Stderr::kJoined ? " 2>&1" : " 2>/dev/null");
   CliRun result{-1, ""};
   FILE *pipe = popen(command.c_str(), "r");
   if (pipe == nullptr) return result;
