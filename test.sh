@@ -8,6 +8,8 @@ cd "$(dirname "$0")"
 
 JOBS=$(nproc 2>/dev/null || echo 2)
 FUZZ_RUNS=${QUARRY_FUZZ_RUNS:-20000}
+# Tests of the library's locking, run again under ThreadSanitizer.
+TSAN_TESTS=(net_dns_concurrency_test)
 
 # Real servers must be there: a missing one fails its test instead of skipping.
 export QUARRY_REQUIRE_SERVERS=1
@@ -47,10 +49,21 @@ run_sanitized_tests() {
     ctest --test-dir build-asan --output-on-failure -j"$JOBS"
 }
 
+run_tsan_tests() {
+  mkdir -p build-tsan
+  cmake -S . -B build-tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DQUARRY_WERROR=ON -DQUARRY_TSAN=ON \
+    >build-tsan.configure.log 2>&1 || { cat build-tsan.configure.log; return 1; }
+  cmake --build build-tsan -j"$JOBS" --target "${TSAN_TESTS[@]}" || return 1
+  local pattern
+  pattern="^($(IFS='|'; echo "${TSAN_TESTS[*]}"))\$"
+  TSAN_OPTIONS=halt_on_error=1 ctest --test-dir build-tsan --output-on-failure -R "$pattern"
+}
+
 stage "install dependencies" tests/servers/install-deps.sh || exit 1
 stage "build (ASan+UBSan)" build build-asan -DQUARRY_SANITIZE=ON || exit 1
 stage "build" build build || exit 1
 stage "tests (ASan+UBSan)" run_sanitized_tests
 stage "tests" ctest --test-dir build --output-on-failure -j"$JOBS"
+stage "tests (ThreadSanitizer)" run_tsan_tests
 stage "fuzz targets, $FUZZ_RUNS inputs each" fuzz/run.sh --runs "$FUZZ_RUNS"
 exit $status

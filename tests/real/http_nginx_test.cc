@@ -137,18 +137,7 @@ TEST_F(Nginx, RequestCarriesHostUserAgentAcceptAndKeepAlive) {
 }
 
 TEST_F(Nginx, StreamsThroughOpenAndRead) {
-  std::string u = url("/files/1M.bin");
-  dl_request req = {};
-  req.url = const_cast<char *>(u.c_str());
-  dl_handle *h = nullptr;
-  ASSERT_EQ(dl_open(&req, &h, redirect_, &err_), 0) << err_.msg;
-  std::string body;
-  char buf[7000];
-  int n;
-  while ((n = dl_read(h, buf, sizeof(buf), &err_)) > 0) body.append(buf, static_cast<size_t>(n));
-  EXPECT_EQ(n, 0);
-  dl_close(h);
-  EXPECT_EQ(body, read_file(server_->doc_root() + "/files/1M.bin"));
+  EXPECT_EQ(stream(url("/files/1M.bin")), read_file(server_->doc_root() + "/files/1M.bin"));
 }
 
 TEST_F(Nginx, DownloadsOverIpv6WhenEnabled) {
