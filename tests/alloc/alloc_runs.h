@@ -86,22 +86,25 @@ inline AllocRuns run_alloc_failures(const AllocOp &op) {
     if (!fired) {
       EXPECT_EQ(rc, 0) << op.name << ": the run without a failure\n" << log_for_failure();
       EXPECT_TRUE(op.ok()) << op.name << ": the run without a failure";
-      printf("alloc-failure %s: %ld allocations, %ld runs, %ld ended with a negative code (%s), %ld tolerated\n",
-             op.name.c_str(), total, out.failed + out.tolerated, out.failed,
-             [&] {
-               std::string s;
-               for (int c : out.codes) s += (s.empty() ? "" : " ") + std::to_string(c);
-               return s;
-             }()
-                 .c_str(),
-             out.tolerated);
+      printf(
+          "alloc-failure %s: %ld allocations, %ld runs, %ld ended with a negative code (%s), %ld "
+          "tolerated\n",
+          op.name.c_str(), total, out.failed + out.tolerated, out.failed,
+          [&] {
+            std::string s;
+            for (int c : out.codes) s += (s.empty() ? "" : " ") + std::to_string(c);
+            return s;
+          }()
+              .c_str(),
+          out.tolerated);
       return out;
     }
     if (rc < 0) {
       ++out.failed;
       out.codes.insert(rc);
-      EXPECT_TRUE(op.clean()) << op.name << ": left something after failing allocation " << n << "\n"
-                               << log_for_failure();
+      EXPECT_TRUE(op.clean()) << op.name << ": left something after failing allocation " << n
+                              << "\n"
+                              << log_for_failure();
     } else {
       ++out.tolerated;
       EXPECT_TRUE(op.ok()) << op.name << ": result " << rc << " after failing allocation " << n;

@@ -167,9 +167,8 @@ TEST_F(CertAlloc, Verify) {
   check({"dl_cert_verify",
          [&](long n, bool *f) {
            dl_cert_result result = {};
-           return armed(n, f, [&] {
-             return dl_cert_verify(ca_.c_str(), nullptr, ca_.c_str(), 0, &result);
-           });
+           return armed(
+               n, f, [&] { return dl_cert_verify(ca_.c_str(), nullptr, ca_.c_str(), 0, &result); });
          },
          [] { return true; }, [] { return true; }});
 }
@@ -180,7 +179,8 @@ TEST_F(CertAlloc, KeyAndRequest) {
          [&](long n, bool *f) {
            EVP_PKEY *out = nullptr;
            int existed = 0;
-           int rc = armed(n, f, [&] { return dl_cert_build_rsa_key(nullptr, kKeyBits, &out, &existed); });
+           int rc = armed(n, f,
+                          [&] { return dl_cert_build_rsa_key(nullptr, kKeyBits, &out, &existed); });
            EVP_PKEY_free(out);
            return rc;
          },

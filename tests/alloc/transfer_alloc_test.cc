@@ -1,7 +1,6 @@
 // Allocation failures in a download and an upload over HTTP, FTP and TFTP
 // through the front door, each against a fresh scripted peer per run.
 #include <gtest/gtest.h>
-
 #include <unistd.h>
 
 #include <memory>
@@ -84,10 +83,10 @@ TEST_F(TransferAlloc, HttpDownload) {
   check({"http download",
          [&](long n, bool *fired) {
            TcpPeer peer;
-           peer.add({read_until("\r\n\r\n"),
-                     send_bytes("HTTP/1.1 200 OK\r\nContent-Length: 12\r\n\r\n" +
-                                std::string(kBody)),
-                     close_conn()});
+           peer.add(
+               {read_until("\r\n\r\n"),
+                send_bytes("HTTP/1.1 200 OK\r\nContent-Length: 12\r\n\r\n" + std::string(kBody)),
+                close_conn()});
            peer.start();
            return download(http_url(peer, "/got.bin"), n, fired);
          },
@@ -129,10 +128,9 @@ TEST_F(TransferAlloc, FtpUpload) {
            TcpPeer data;
            data.add({read_to_end()});
            data.start();
-           control.add(anonymous_session(data.port()) +
-                       reply_to("SIZE a.cfg", "550 not found") + reply_to("STOR a.cfg", "150 ok") +
-                       Script{send_bytes("226 done\r\n")} + reply_to("QUIT", "221 bye") +
-                       Script{read_to_end()});
+           control.add(anonymous_session(data.port()) + reply_to("SIZE a.cfg", "550 not found") +
+                       reply_to("STOR a.cfg", "150 ok") + Script{send_bytes("226 done\r\n")} +
+                       reply_to("QUIT", "221 bye") + Script{read_to_end()});
            control.start();
            return upload("ftp://127.0.0.1:" + std::to_string(control.port()) + "/", n, fired);
          },
@@ -149,8 +147,8 @@ TEST_F(TransferAlloc, TftpDownload) {
              p.send(data_pkt(1, kBody));
              p.recv(&pkt, kPeerWaitMs);
            });
-           int rc = download("tftp://127.0.0.1:" + std::to_string(peer.port()) + "/got.bin", n,
-                             fired);
+           int rc =
+               download("tftp://127.0.0.1:" + std::to_string(peer.port()) + "/got.bin", n, fired);
            peer.wait();
            return rc;
          },

@@ -68,7 +68,6 @@ namespace quarry_test {
 
 bool alloc_fail_counts_openssl() { return g_openssl_counted; }
 
-
 void alloc_fail_arm(long n) {
   t_fail_at = n;
   t_count = 0;
@@ -91,7 +90,9 @@ void *__wrap_malloc(size_t size) { return fail_now() ? nullptr : __real_malloc(s
 
 void *__wrap_calloc(size_t n, size_t size) { return fail_now() ? nullptr : __real_calloc(n, size); }
 
-void *__wrap_realloc(void *p, size_t size) { return fail_now() ? nullptr : __real_realloc(p, size); }
+void *__wrap_realloc(void *p, size_t size) {
+  return fail_now() ? nullptr : __real_realloc(p, size);
+}
 
 char *__wrap_strdup(const char *s) { return fail_now() ? nullptr : __real_strdup(s); }
 
