@@ -38,9 +38,12 @@ bool walk_trust_dir(Fill fill) {
     }
     char path[kPathRoom];
     if (!path_printf(path, "%s%s", trust, entry->d_name)) continue;
-    if (fill(count, path)) {
+    // A certificate that could not be read for want of memory is still
+    // good: it is kept, and read a second time before it is given up,
+    // since OpenSSL's decoders do not always say why they failed.
+    if (fill(count, path) || (!last_load_out_of_memory() && fill(count, path))) {
       ++count;
-    } else {
+    } else if (!last_load_out_of_memory()) {
       // The entry of the trust directory itself, not a file of that name
       // in the working directory.
       (void)unlink(path);

@@ -87,6 +87,10 @@ EVP_PKEY *read_key(BIO *bio, Format format);
 X509 *load_cert_file(const char *path, BioPtr *bio, const char *open_failed,
                      const char *load_failed, Format *format_out = nullptr);
 
+// Whether the last load_cert_file of this thread failed because memory
+// ran out rather than because the file holds no certificate.
+bool last_load_out_of_memory();
+
 // The subject-name hash of the certificate file |path|, rewriting a DER
 // file as PEM in place; 0 (after its log line) when it is a directory or
 // no certificate can be read.

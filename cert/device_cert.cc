@@ -4,6 +4,7 @@
 #include <dirent.h>
 #include <openssl/err.h>
 #include <openssl/pem.h>
+#include <stdio.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -158,15 +159,25 @@ DL_EXPORT int dl_install_ser_ca_separate(const char *path) {
     libq_log(kModCommon, kLogError, "Can't open serverdir\n");
     return -1;
   }
-  BioPtr out(BIO_new_file(device, "w"));
-  if (!out) {
-    ERR_clear_error();
+  // Written beside the device file and renamed over it once complete, so
+  // that a failed write leaves the old file, not a truncated one.
+  char partial[kPathRoom];
+  if (!path_printf(partial, "%s.tmp", device)) {
     libq_log(kModCommon, kLogError, "Bio_new_file dev cert err\n");
     return -1;
   }
-  if (x) PEM_write_bio_X509(out.get(), x.get());
-  if (key) PEM_write_bio_PrivateKey(out.get(), key.get(), nullptr, nullptr, 0, nullptr, nullptr);
-  (void)BIO_flush(out.get());
+  BioPtr out(BIO_new_file(partial, "w"));
+  bool written = out && (!x || PEM_write_bio_X509(out.get(), x.get()) == 1) &&
+                 (!key || PEM_write_bio_PrivateKey(out.get(), key.get(), nullptr, nullptr, 0,
+                                                   nullptr, nullptr) == 1) &&
+                 BIO_flush(out.get()) == 1;
+  out.reset();
+  if (!written || rename(partial, device) != 0) {
+    ERR_clear_error();
+    (void)unlink(partial);
+    libq_log(kModCommon, kLogError, "Bio_new_file dev cert err\n");
+    return -1;
+  }
   return 0;
 }
 

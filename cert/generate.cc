@@ -3,6 +3,7 @@
 #include <openssl/err.h>
 #include <openssl/pem.h>
 #include <string.h>
+#include <unistd.h>
 
 #include "cert/cert.h"
 #include "core/core.h"
@@ -78,13 +79,17 @@ DL_EXPORT int dl_cert_build_csr_req_file(const char *csr_path, const char *key_p
     ERR_clear_error();
     return -1;
   }
+  // A failed request leaves no half-written file: one this call made is
+  // removed, even when only its buffer could not be allocated.
+  const bool was_there = access(csr_path, F_OK) == 0;
   BioPtr out(BIO_new_file(csr_path, "w"));
-  if (!out || PEM_write_bio_X509_REQ(out.get(), req.get()) != 1) {
-    ERR_clear_error();
-    return -1;
-  }
+  bool written = out && PEM_write_bio_X509_REQ(out.get(), req.get()) == 1 &&
+                 BIO_flush(out.get()) == 1;
   out.reset();
-  return dl_cert_write_key(key_path, 0, key.get()) == 0 ? 0 : -1;
+  if (written && dl_cert_write_key(key_path, 0, key.get()) == 0) return 0;
+  ERR_clear_error();
+  if (written || !was_there) (void)unlink(csr_path);
+  return -1;
 }
 
 DL_EXPORT int dl_generate_client_cert(const char *ca_cert_path, const char *ca_key_path,
@@ -130,12 +135,18 @@ DL_EXPORT int dl_generate_client_cert(const char *ca_cert_path, const char *ca_k
   // Certificate and key together: readable by the owner only.
   BioPtr out(new_private_file(cert_path));
   if (!out || PEM_write_bio_X509(out.get(), x.get()) != 1 ||
-      PEM_write_bio_PrivateKey(out.get(), key.get(), nullptr, nullptr, 0, nullptr, nullptr) != 1) {
+      PEM_write_bio_PrivateKey(out.get(), key.get(), nullptr, nullptr, 0, nullptr, nullptr) != 1 ||
+      BIO_flush(out.get()) != 1) {
     ERR_clear_error();
+    // A failed generation leaves no half-written certificate behind.
+    if (out) (void)unlink(cert_path);
     return -1;
   }
   out.reset();
-  if (existed == 0 && dl_cert_write_key(key_path, 0, key.get()) != 0) return -1;
+  if (existed == 0 && dl_cert_write_key(key_path, 0, key.get()) != 0) {
+    (void)unlink(cert_path);
+    return -1;
+  }
   return 0;
 }
 

@@ -51,7 +51,10 @@ BIO *new_private_file(const char *path) {
   int fd = open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, kKeyFileMode);
   if (fd < 0) return nullptr;
   BIO *bio = BIO_new_fd(fd, BIO_CLOSE);
-  if (bio == nullptr) close(fd);
+  if (bio == nullptr) {
+    close(fd);
+    (void)unlink(path);
+  }
   return bio;
 }
 
@@ -92,8 +95,17 @@ DL_EXPORT int dl_cert_write_key(const char *key_path, int unused, EVP_PKEY *key)
   // A private key file is for the owner only.
   BioPtr out(new_private_file(key_path));
   if (!out) return -1;
-  if (key != nullptr) PEM_write_bio_PrivateKey(out.get(), key, nullptr, nullptr, 0, nullptr, nullptr);
-  (void)BIO_flush(out.get());
+  bool written =
+      key == nullptr ||
+      PEM_write_bio_PrivateKey(out.get(), key, nullptr, nullptr, 0, nullptr, nullptr) == 1;
+  written = BIO_flush(out.get()) == 1 && written;
+  if (!written) {
+    // Half a key is no key: nothing is left behind.
+    ERR_clear_error();
+    out.reset();
+    (void)unlink(key_path);
+    return -1;
+  }
   return 0;
 }
 

@@ -96,7 +96,21 @@ bool rewrite_as_pem(const char *path, X509 *x) {
   return true;
 }
 
+// Set by each load_cert_file: its failure came from an allocation.
+thread_local bool t_load_out_of_memory = false;
+
+// Empties the error queue; true when it held an allocation failure.
+bool clear_error_noting_memory() {
+  bool memory = false;
+  while (unsigned long e = ERR_get_error()) {
+    if (ERR_GET_REASON(e) == ERR_R_MALLOC_FAILURE) memory = true;
+  }
+  return memory;
+}
+
 }  // namespace
+
+bool last_load_out_of_memory() { return t_load_out_of_memory; }
 
 Format detect_format(const char *path) {
   UniqueFile file(path != nullptr ? fopen(path, "r") : nullptr);
@@ -112,7 +126,7 @@ X509 *read_cert(BIO *bio, Format format) {
   X509 *x = nullptr;
   if (format == Format::kPem) x = PEM_read_bio_X509(bio, nullptr, nullptr, nullptr);
   if (format == Format::kDer) x = d2i_X509_bio(bio, nullptr);
-  if (x == nullptr) ERR_clear_error();
+  if (x == nullptr) t_load_out_of_memory = clear_error_noting_memory();
   return x;
 }
 
@@ -126,9 +140,10 @@ EVP_PKEY *read_key(BIO *bio, Format format) {
 
 X509 *load_cert_file(const char *path, BioPtr *bio, const char *open_failed,
                      const char *load_failed, Format *format_out) {
+  t_load_out_of_memory = false;
   bio->reset(path != nullptr ? BIO_new_file(path, "r") : nullptr);
   if (!*bio) {
-    ERR_clear_error();
+    t_load_out_of_memory = clear_error_noting_memory();
     libq_log(kModCommon, kLogError, "%s", open_failed);
     return nullptr;
   }
