@@ -138,17 +138,14 @@ TEST_F(HttpFault, EndlessHeaders) {
       DL_ERR_READ, 1.6);
 }
 
-// Both of these are still taken as complete downloads (the head by the
-// header reader, the chunk by the chunked body reader), keeping a file
-// that is not the server's; see fuzz/findings-notes/http_faults.txt. They
-// are enabled once the HTTP readers refuse a cut-short response.
-TEST_F(HttpFault, DISABLED_HeadCutShortByTheServerClosing) {
+// A response the server cuts short is never saved as if it were whole.
+TEST_F(HttpFault, HeadCutShortByTheServerClosing) {
   expect_clean_failure(
       download({send_bytes("HTTP/1.1 200 OK\r\nContent-Length: 4\r\n"), close_conn()}), DL_ERR_RECV,
       1.5);
 }
 
-TEST_F(HttpFault, DISABLED_TruncatedChunk) {
+TEST_F(HttpFault, TruncatedChunk) {
   expect_clean_failure(
       download({send_bytes("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n10\r\nabc"),
                 close_conn()}),
