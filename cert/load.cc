@@ -96,8 +96,11 @@ bool rewrite_as_pem(const char *path, X509 *x) {
   return true;
 }
 
-// Set by each load_cert_file: its failure came from an allocation.
-thread_local bool t_load_out_of_memory = false;
+// Set by each load_cert_file: its failure came from an allocation. The
+// initial-exec model keeps the dynamic loader's __tls_get_addr (and with
+// it ld-linux) out of the library's NEEDED list; one byte of static TLS
+// fits the surplus glibc keeps even for a library loaded by dlopen.
+__attribute__((tls_model("initial-exec"))) thread_local bool t_load_out_of_memory = false;
 
 // Empties the error queue; true when it held an allocation failure.
 bool clear_error_noting_memory() {
