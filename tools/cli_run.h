@@ -15,10 +15,10 @@ struct CliRun {
   std::string out;
 };
 
-// Runs "quarry |args|" through the shell, standard error joined to
+// Runs "quarry |args| |redirect|" through the shell and keeps what reaches
 // standard output. The status is -1 when the tool did not exit normally.
-inline CliRun run_cli(const std::string &args) {
-  const std::string command = std::string(QUARRY_CLI) + " " + args + " 2>&1";
+inline CliRun run_cli_redirected(const std::string &args, const char *redirect) {
+  const std::string command = std::string(QUARRY_CLI) + " " + args + " " + redirect;
   CliRun result{-1, ""};
   FILE *pipe = popen(command.c_str(), "r");
   if (pipe == nullptr) return result;
@@ -28,6 +28,14 @@ inline CliRun run_cli(const std::string &args) {
   const int status = pclose(pipe);
   result.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
   return result;
+}
+
+// Runs "quarry |args|", standard error joined to standard output.
+inline CliRun run_cli(const std::string &args) { return run_cli_redirected(args, "2>&1"); }
+
+// Runs "quarry |args|" keeping only its standard output.
+inline CliRun run_cli_stdout(const std::string &args) {
+  return run_cli_redirected(args, "2>/dev/null");
 }
 
 }  // namespace quarry_cli_test
