@@ -52,6 +52,10 @@ struct LogState {
   char tag[kTagLen] = {'?', '?', '?', '?'};
   int output_type = DL_LOG_TYPE_SYSLOG;
   int log_fd = kNoFd;
+  // A system log socket whose connect failed, kept for the next attempt:
+  // while "/dev/log" is missing, each line then costs one connect rather
+  // than a socket, a connect and a close.
+  int spare_fd = kNoFd;
   int with_time = 0;
   unsigned char module_level[LIBQ_LOG_MODULES] = {4, 4, 4, 4, 4, 4, 4};
 };
@@ -63,8 +67,15 @@ void close_output() {
   g_log.log_fd = kNoFd;
 }
 
+void close_spare() {
+  if (g_log.spare_fd != kNoFd) close(g_log.spare_fd);
+  g_log.spare_fd = kNoFd;
+}
+
 int open_syslog_socket() {
-  int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  int fd = g_log.spare_fd;
+  g_log.spare_fd = kNoFd;
+  if (fd == kNoFd) fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   if (fd < 0) return kNoFd;
   sockaddr_un addr;
   memset(&addr, 0, sizeof(addr));
@@ -72,7 +83,7 @@ int open_syslog_socket() {
   memcpy(addr.sun_path, kSyslogPath, sizeof(kSyslogPath));
   socklen_t len = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + strlen(kSyslogPath));
   if (connect(fd, reinterpret_cast<sockaddr *>(&addr), len) != 0) {
-    close(fd);
+    g_log.spare_fd = fd;
     return kNoFd;
   }
   return fd;
@@ -82,6 +93,7 @@ int open_syslog_socket() {
 // next line tries again.
 void open_output(const char *path) {
   close_output();
+  if (g_log.output_type != DL_LOG_TYPE_SYSLOG) close_spare();
   switch (g_log.output_type) {
     case DL_LOG_TYPE_STDOUT:
       g_log.log_fd = STDOUT_FILENO;
@@ -256,6 +268,7 @@ DL_EXPORT int libq_log_open(unsigned type, const char *path) {
 
 DL_EXPORT int libq_log_exit(void) {
   close_output();
+  close_spare();
   reset_thresholds(kDefaultThreshold);
   g_log.output_type = DL_LOG_TYPE_SYSLOG;
   g_log.with_time = 0;

@@ -1,6 +1,6 @@
 // Reading a response body: by its length, until the server closes, or
-// chunked (RFC 7230 section 4.1) through the handle's de-chunking buffer,
-// which keeps decoded bytes and hands them out front-first.
+// chunked (RFC 7230 section 4.1), decoded as it streams. A body whose
+// framing says more is due when the peer closes is a failure.
 #include <limits.h>
 #include <stdlib.h>
 #include <string.h>
@@ -15,7 +15,6 @@ namespace {
 constexpr int kChunkLineStart = 128;
 constexpr int kChunkLineMax = 256;
 constexpr int kChunkLineRoom = 128;
-constexpr uint32_t kChunkMinCapacity = 512;
 // Each chunk's data is followed by its CRLF.
 constexpr uint32_t kChunkEnd = 2;
 constexpr int kDrainPiece = 256;
@@ -25,6 +24,13 @@ void log_error(const char *text) { libq_log(quarry::kModHttp, quarry::kLogError,
 int failed(dl_error *err, int code) {
   quarry::set_error(err, code);
   return -1;
+}
+
+// The peer closed while the framing still promised bytes: the body is
+// cut short, which must not pass for its end.
+int cut_short(dl_error *err, const char *text) {
+  log_error(text);
+  return failed(err, DL_ERR_RECV);
 }
 
 int read_by_length(dl_http_conn *conn, char *buf, int len, dl_error *err) {
@@ -39,7 +45,11 @@ int read_by_length(dl_http_conn *conn, char *buf, int len, dl_error *err) {
       log_error("read error\n");
       return failed(err, n);
     }
-    if (n == 0) break;
+    if (n == 0) {
+      // Without a length the body runs until the close.
+      if (conn->flags & DL_HTTP_HAS_LENGTH) return cut_short(err, "read error\n");
+      break;
+    }
     got += n;
   }
   conn->remaining -= static_cast<uint32_t>(got);
@@ -47,29 +57,60 @@ int read_by_length(dl_http_conn *conn, char *buf, int len, dl_error *err) {
   return got;
 }
 
-int deliver(dl_http_chunk *chunk, char *buf, int len) {
-  uint32_t n = static_cast<uint32_t>(len);
-  memcpy(buf, chunk->data, n);
-  memmove(chunk->data, chunk->data + n, chunk->fill - n);
-  chunk->fill -= n;
-  http_trace(buf, len);
-  return len;
+// Reads exactly |len| bytes into |buf|. Returns 0, or -1 with the code
+// in |err| (logged).
+int read_exactly(dl_http_conn *conn, char *buf, int len, dl_error *err) {
+  int got = 0;
+  while (got < len) {
+    int n = http_recv(conn, buf + got, len - got);
+    if (n < 0) {
+      log_error("read chunked error\n");
+      return failed(err, n);
+    }
+    if (n == 0) return cut_short(err, "read chunked error\n");
+    got += n;
+  }
+  return 0;
 }
 
-// Makes room for |need| more bytes after the decoded ones.
-bool make_room(dl_http_chunk *chunk, uint32_t need) {
-  uint32_t wanted = chunk->fill + need;
-  if (wanted < chunk->capacity) return true;
-  uint32_t capacity = chunk->capacity < kChunkMinCapacity ? kChunkMinCapacity : chunk->capacity;
-  while (capacity < wanted) capacity *= 2;
-  auto *grown = static_cast<uint8_t *>(realloc(chunk->data, capacity));
-  if (grown == nullptr) return false;
-  memset(grown + chunk->capacity, 0, capacity - chunk->capacity);
-  chunk->data = grown;
-  chunk->capacity = capacity;
-  return true;
+// Reads the next chunk-size line, and after the zero-size chunk the line
+// that ends the body. Returns 0, or -1 with the code in |err|.
+int next_chunk(dl_http_conn *conn, dl_http_chunk *chunk, dl_error *err) {
+  char line[kChunkLineRoom] = {};
+  bool complete = false;
+  int n = quarry::http_read_line_ended(conn, kChunkLineStart, kChunkLineMax, line, sizeof(line),
+                                       &complete);
+  if (n < 0) {
+    log_error("read chunked len error\n");
+    log_error("read chunked error\n");
+    return failed(err, n);
+  }
+  if (!complete) return cut_short(err, "read chunked error\n");
+  // Extensions after ';' end the number and are ignored.
+  long size = strtol(line, nullptr, 16);
+  // Counts handed out are ints.
+  if (size < 0 || static_cast<unsigned long>(size) > INT32_MAX - kChunkEnd) {
+    libq_log(quarry::kModHttp, quarry::kLogError, "invalid chunk size: %s\n", line);
+    log_error("read chunked error\n");
+    return failed(err, DL_ERR_RECV);
+  }
+  if (size > 0) {
+    chunk->fill = static_cast<uint32_t>(size);
+    return 0;
+  }
+  chunk->last = 1;
+  // Trailers are not supported: one line ends the body.
+  n = http_read_line(conn, kChunkLineStart, kChunkLineMax, line, sizeof(line));
+  if (n < 0) {
+    log_error("read last EOL error\n");
+    log_error("read chunked error\n");
+    return failed(err, n);
+  }
+  return 0;
 }
 
+// Hands out |len| bytes of the body, fewer only at its end: chunk data
+// goes straight into |buf|, however large the server says a chunk is.
 int read_chunked(dl_http_conn *conn, char *buf, int len, dl_error *err) {
   if (conn->chunk == nullptr) {
     conn->chunk = static_cast<dl_http_chunk *>(calloc(1, sizeof(dl_http_chunk)));
@@ -80,58 +121,30 @@ int read_chunked(dl_http_conn *conn, char *buf, int len, dl_error *err) {
     }
   }
   dl_http_chunk *chunk = conn->chunk;
-  for (;;) {
-    if (chunk->last) {
-      if (static_cast<uint32_t>(len) > chunk->fill) len = static_cast<int>(chunk->fill);
-      if (chunk->fill == 0) return 0;
+  int got = 0;
+  while (got < len && !chunk->last) {
+    if (chunk->fill == 0) {
+      if (next_chunk(conn, chunk, err) != 0) return -1;
+      continue;
     }
-    if (static_cast<uint32_t>(len) <= chunk->fill) return deliver(chunk, buf, len);
-
-    char line[kChunkLineRoom] = {};
-    int n = http_read_line(conn, kChunkLineStart, kChunkLineMax, line, sizeof(line));
+    uint32_t want = static_cast<uint32_t>(len - got);
+    if (want > chunk->fill) want = chunk->fill;
+    int n = http_recv(conn, buf + got, static_cast<int>(want));
     if (n < 0) {
-      log_error("read chunked len error\n");
       log_error("read chunked error\n");
       return failed(err, n);
     }
-    // Extensions after ';' end the number and are ignored.
-    long size = strtol(line, nullptr, 16);
-    // The buffer must stay addressable by the int counts handed out.
-    if (size < 0 || static_cast<unsigned long>(size) > INT32_MAX - kChunkEnd - chunk->fill) {
-      libq_log(quarry::kModHttp, quarry::kLogError, "invalid chunk size: %s\n", line);
-      log_error("read chunked error\n");
-      return failed(err, DL_ERR_RECV);
+    if (n == 0) return cut_short(err, "read chunked error\n");
+    got += n;
+    chunk->fill -= static_cast<uint32_t>(n);
+    if (chunk->fill == 0) {
+      // The CRLF after the chunk's data is taken unread, as two bytes.
+      char end[kChunkEnd];
+      if (read_exactly(conn, end, sizeof(end), err) != 0) return -1;
     }
-    if (size == 0) {
-      chunk->last = 1;
-      n = http_read_line(conn, kChunkLineStart, kChunkLineMax, line, sizeof(line));
-      if (n < 0) {
-        log_error("read last EOL error\n");
-        log_error("read chunked error\n");
-        return failed(err, n);
-      }
-      continue;
-    }
-    uint32_t need = static_cast<uint32_t>(size) + kChunkEnd;
-    if (!make_room(chunk, need)) {
-      log_error("read chunked error\n");
-      return failed(err, DL_ERR_NOMEM);
-    }
-    uint32_t got = 0;
-    while (got < need) {
-      int r = http_recv(conn, chunk->data + chunk->fill + got, static_cast<int>(need - got));
-      if (r < 0) {
-        // A broken chunk ends the body without an error.
-        log_error("read chunked error\n");
-        return 0;
-      }
-      if (r == 0) break;
-      got += static_cast<uint32_t>(r);
-    }
-    // The last two bytes are the chunk's CRLF; a chunk cut off before them
-    // cannot take more than it brought.
-    chunk->fill += got >= kChunkEnd ? got - kChunkEnd : 0;
   }
+  if (got > 0) http_trace(buf, got);
+  return got;
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 #include "http/http_test_support.h"
 #include "tests/peer/scripted_peer.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/syscall_spy.h"
 
 namespace {
 
@@ -62,6 +63,31 @@ TEST_F(BodyRead, LengthBodyEndsAtItsLengthAndLeavesTheRestUnread) {
   EXPECT_EQ(handle_.unread(), 4u);
 }
 
+TEST_F(BodyRead, PipelinedResponsesKeepTheirBoundaries) {
+  handle_.say(
+      "HTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\nfirst"
+      "HTTP/1.1 201 Created\r\nTransfer-Encoding: chunked\r\n\r\n6\r\nsecond\r\n0\r\n\r\n"
+      "HTTP/1.1 202 Accepted\r\nContent-Length: 5\r\n\r\nthird");
+  head(handle_, "");
+  EXPECT_EQ(body(handle_.get(), 64), "first");
+  ASSERT_EQ(http_read_status(handle_.get()), 201);
+  ASSERT_EQ(quarry::http_read_headers(handle_.get(), 201, &block_size_), 0);
+  EXPECT_EQ(body(handle_.get(), 64), "second");
+  http_drain(handle_.get());
+  ASSERT_EQ(http_read_status(handle_.get()), 202);
+  ASSERT_EQ(quarry::http_read_headers(handle_.get(), 202, &block_size_), 0);
+  EXPECT_EQ(body(handle_.get(), 2), "third");
+  EXPECT_EQ(handle_.unread(), 0u);
+}
+
+TEST_F(BodyRead, WholeResponseAlreadyThereIsReadWithoutWaiting) {
+  handle_.say("HTTP/1.1 200 OK\r\nContent-Length: 4\r\nServer: x\r\n\r\nbody");
+  quarry_test::SyscallSpy spy;
+  head(handle_, "");
+  EXPECT_EQ(body(handle_.get(), 64), "body");
+  EXPECT_EQ(spy.select_calls(), 0);
+}
+
 TEST_F(BodyRead, LengthBodyInSmallPieces) {
   head(handle_, "HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\n0123456789");
   EXPECT_EQ(body(handle_.get(), 3), "0123456789");
@@ -86,11 +112,24 @@ TEST_F(BodyRead, BodyWithoutLengthStopsAtTheMaximumSize) {
   EXPECT_EQ(handle_.unread(), 8u);
 }
 
-TEST_F(BodyRead, ShortBodyBeforeCloseGivesWhatCame) {
+TEST_F(BodyRead, LengthBodyCutShortByTheCloseIsARecvError) {
   head(handle_, "HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\nshort");
   handle_.close_peer();
-  EXPECT_EQ(body(handle_.get(), 64), "short");
-  EXPECT_EQ(handle_->remaining, 95u);
+  EXPECT_EQ(body(handle_.get(), 64), "!");
+  EXPECT_EQ(err_.code, DL_ERR_RECV);
+  EXPECT_STREQ(err_.msg, "Recv invalid data");
+  EXPECT_EQ(capture_->count(3, 3, "read error\n"), 1);
+}
+
+TEST_F(BodyRead, LengthBodyOneByteShortIsARecvErrorAfterWhatCame) {
+  head(handle_, "HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\n012345678");
+  char buf[4];
+  EXPECT_EQ(dl_http_read(handle_.get(), buf, sizeof(buf), &err_), 4);
+  EXPECT_EQ(dl_http_read(handle_.get(), buf, sizeof(buf), &err_), 4);
+  handle_.close_peer();
+  EXPECT_EQ(dl_http_read(handle_.get(), buf, sizeof(buf), &err_), -1);
+  EXPECT_EQ(err_.code, DL_ERR_RECV);
+  EXPECT_TRUE(capture_->has(3, 3, "read error\n"));
 }
 
 TEST_F(BodyRead, ServerResettingMidBodyIsAReadError) {
@@ -154,17 +193,65 @@ TEST_F(BodyRead, LastChunkWithTheStreamClosedRightAfterEndsTheBody) {
   EXPECT_EQ(body(handle_.get(), 64), "abc");
 }
 
-TEST_F(BodyRead, TruncatedChunkEndsTheBodyQuietly) {
-  head(handle_, "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n10\r\nabcde");
-  handle_.close_peer();
-  // The two last bytes read are taken for the chunk's line end.
-  EXPECT_EQ(body(handle_.get(), 64), "abc");
+// Bodies the peer cuts short: each read fails with DL_ERR_RECV once the
+// close is met, and what came before it was handed out in full pieces.
+class ChunkedCut : public BodyRead {
+ protected:
+  void expect_cut(const std::string &chunks, const std::string &before) {
+    head(handle_, "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n" + chunks);
+    handle_.close_peer();
+    EXPECT_EQ(body(handle_.get(), 2), before + "!");
+    EXPECT_EQ(err_.code, DL_ERR_RECV);
+    EXPECT_STREQ(err_.msg, "Recv invalid data");
+    EXPECT_EQ(capture_->count(3, 3, "read chunked error\n"), 1);
+  }
+};
+
+TEST_F(ChunkedCut, InsideAChunk) { expect_cut("10\r\nabcde", "abcd"); }
+
+TEST_F(ChunkedCut, InTheCrlfAfterAChunk) { expect_cut("4\r\nabcd\r", "ab"); }
+
+TEST_F(ChunkedCut, BeforeTheCrlfAfterAChunk) { expect_cut("4\r\nabcd", "ab"); }
+
+TEST_F(ChunkedCut, BeforeTheZeroChunk) { expect_cut("2\r\nok\r\n", "ok"); }
+
+TEST_F(ChunkedCut, InsideAChunkSizeLine) { expect_cut("2\r\nok\r\n1", "ok"); }
+
+TEST_F(ChunkedCut, BeforeAnyChunk) { expect_cut("", ""); }
+
+TEST_F(BodyRead, ChunkLargerThanTheCallerAsksForStreams) {
+  const std::string data(5000, 'z');
+  head(handle_, "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n1388\r\n" + data +
+                    "\r\n0\r\n\r\n");
+  char buf[512];
+  EXPECT_EQ(dl_http_read(handle_.get(), buf, sizeof(buf), &err_), 512);
+  // Nothing beyond the caller's piece was taken from the stream.
+  EXPECT_EQ(handle_.unread(), 5000u - 512u + strlen("\r\n0\r\n\r\n"));
+  EXPECT_EQ(body(handle_.get(), 512), std::string(5000 - 512, 'z'));
 }
 
-TEST_F(BodyRead, ChunkCutBeforeItsSecondByteAddsNothing) {
-  head(handle_, "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n2\r\nok\r\n10\r\nZ");
-  handle_.close_peer();
-  EXPECT_EQ(body(handle_.get(), 64), "ok");
+TEST_F(BodyRead, HugeAnnouncedChunkAllocatesNothingForIt) {
+  head(handle_, "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n7ffffff0\r\nabc");
+  char buf[3];
+  EXPECT_EQ(dl_http_read(handle_.get(), buf, sizeof(buf), &err_), 3);
+  ASSERT_NE(handle_->chunk, nullptr);
+  EXPECT_EQ(handle_->chunk->data, nullptr);
+  EXPECT_EQ(handle_->chunk->capacity, 0u);
+  EXPECT_EQ(handle_->chunk->fill, 0x7ffffff0u - 3u);
+}
+
+TEST_F(BodyRead, ManySmallChunksComeOutInFullPieces) {
+  std::string chunks, expected;
+  for (int i = 0; i < 2000; ++i) {
+    chunks += "1\r\n" + std::string(1, static_cast<char>('a' + i % 26)) + "\r\n";
+    expected += static_cast<char>('a' + i % 26);
+  }
+  PairedHandle handle;
+  head(handle, "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n" + chunks + "0\r\n\r\n");
+  char buf[512];
+  EXPECT_EQ(dl_http_read(handle.get(), buf, sizeof(buf), &err_), 512);
+  EXPECT_EQ(std::string(buf, 512), expected.substr(0, 512));
+  EXPECT_EQ(body(handle.get(), 512), expected.substr(512));
 }
 
 TEST_F(BodyRead, NegativeChunkSizeIsInvalidData) {
@@ -208,15 +295,16 @@ TEST_F(BodyRead, SilentServerAfterTheLastChunkIsAnError) {
   EXPECT_TRUE(capture_->has(3, 3, "read chunked error\n"));
 }
 
-TEST_F(BodyRead, ServerResettingMidChunkEndsTheBodyQuietly) {
+TEST_F(BodyRead, ServerResettingMidChunkIsAReadError) {
   TcpPeer peer;
   Handle handle;
   head_then_reset(&peer, handle,
                   "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n100\r\npart");
   char buf[64];
-  EXPECT_EQ(dl_http_read(handle.get(), buf, sizeof(buf), &err_), 0);
-  EXPECT_EQ(err_.code, 0);
-  EXPECT_TRUE(capture_->has(3, 3, "read chunked error\n"));
+  EXPECT_EQ(dl_http_read(handle.get(), buf, sizeof(buf), &err_), -1);
+  EXPECT_EQ(err_.code, -1);
+  EXPECT_STREQ(err_.msg, "Unknown Error");
+  EXPECT_EQ(capture_->count(3, 3, "read chunked error\n"), 1);
   peer.wait();
 }
 

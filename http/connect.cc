@@ -110,6 +110,7 @@ DL_EXPORT void http_reset(dl_http_conn *conn) {
     free(conn->chunk);
   }
   free(conn->headers);
+  free(conn->rx);
   if (conn->ssl != nullptr) {
     int fd = SSL_get_fd(conn->ssl);
     struct sockaddr_storage peer;

@@ -12,16 +12,29 @@
 #include "quarry.h"
 #include "quarry_internal.h"
 
-// Decoded bytes of a chunked body waiting to be handed out front-first.
+// State of a chunked body. The decoder streams: a chunk's data goes from
+// the connection straight to the caller, so memory does not depend on the
+// size a server announces; data and capacity stay empty.
 struct dl_http_chunk {
   uint8_t *data;
-  uint32_t fill;      // decoded bytes not yet handed out
+  uint32_t fill;      // data bytes of the current chunk not yet handed out
   uint32_t capacity;  // bytes allocated at data
   int32_t last;       // 1 once the zero-size chunk has been read
 };
 
+// Bytes received from the connection and not yet handed out. Every read
+// of a connection goes through it, so a line read never loses what
+// follows the line, and most reads cost no system call.
+constexpr uint32_t kHttpRxSize = 16384;
+struct dl_http_rx {
+  uint32_t start;  // first byte not handed out
+  uint32_t end;    // end of the received bytes
+  uint8_t data[kHttpRxSize];
+};
+
 // One open exchange. Zero-filled on allocation; magic marks it live.
-// Callers rely on this layout: keep the order and the widths.
+// Callers rely on this layout: keep the order and the widths, and add
+// fields only at the end.
 struct dl_http_conn {
   int32_t magic;
   int32_t sock;  // 0: none
@@ -32,6 +45,7 @@ struct dl_http_conn {
   dl_http_chunk *chunk;
   char *headers;  // response header block, lines each ended by a NUL
   uint32_t headers_len;
+  dl_http_rx *rx;  // allocated on the first read, freed by http_reset
 };
 
 // A request header; ownership (DL_HDR_OWN_*) says which text is freed.
@@ -73,6 +87,14 @@ namespace quarry {
 // Size the response header block starts at, and the room kept free
 // before each line is read into it.
 constexpr uint32_t kHeaderBlockStart = 2048;
+// The block never grows past this: a server cannot make the head take
+// more memory than a phone can spare.
+constexpr uint32_t kHeaderBlockMax = 65536;
+
+// http_read_line, also saying in |*complete| whether the line ended with
+// its CRLF (false when the stream ended first, or on failure).
+int http_read_line_ended(dl_http_conn *conn, int initial_size, int max_size, char *out,
+                         int out_room, bool *complete);
 
 // Reads the header block that follows a status line of |status| into the
 // handle (freeing the previous block; |*block_size| is the block's size

@@ -119,11 +119,13 @@ class PairedHandle : public Handle {
     char c;
     return recv(peer_, &c, 1, MSG_DONTWAIT) < 0 && (errno == EAGAIN || errno == EWOULDBLOCK);
   }
-  // How many bytes the library left unread in the socket.
+  // How many bytes the library has not handed out: those held in the
+  // handle's receive buffer and those still in the socket.
   size_t unread() const {
     char buf[65536];
     ssize_t n = recv(get()->sock, buf, sizeof(buf), MSG_PEEK | MSG_DONTWAIT);
-    return n > 0 ? static_cast<size_t>(n) : 0;
+    size_t held = get()->rx != nullptr ? get()->rx->end - get()->rx->start : 0;
+    return held + (n > 0 ? static_cast<size_t>(n) : 0);
   }
   int peer() const { return peer_; }
 

@@ -1,6 +1,7 @@
-// Reading from the connection: single reads, and lines read by peeking so
-// that nothing past a line's CRLF leaves the socket and the body that
-// follows a header block stays unread.
+// Reading from the connection: single reads, and lines. Everything read
+// passes through the handle's receive buffer: a line read takes only its
+// own bytes from it, so the body that follows a header block stays there
+// for the next read, and a whole response head costs one receive.
 #include <errno.h>
 #include <openssl/err.h>
 #include <openssl/ssl.h>
@@ -17,8 +18,6 @@ namespace {
 constexpr int kWaitReadable = 1;
 constexpr int kWaitWritable = 2;
 
-using BytePtr = quarry::UniqueMalloc<char>;
-
 void log_error(const char *text) { libq_log(quarry::kModHttp, quarry::kLogError, "%s", text); }
 
 int peek_failed() {
@@ -30,39 +29,42 @@ int wait_mode(int ssl_error) {
   return ssl_error == SSL_ERROR_WANT_WRITE ? kWaitWritable : kWaitReadable;
 }
 
-// One recv on the plain socket after waiting for it, repeated on EINTR.
-// Returns recv's result, or DL_ERR_READ when the wait failed (logged).
-int plain_receive(dl_http_conn *conn, void *buf, int len, int flags, int timeout) {
-  if (dl_select(conn->sock, kWaitReadable, timeout) < 1) {
-    libq_log(quarry::kModHttp, quarry::kLogError, "Select error! errno %d\n", errno);
-    return DL_ERR_READ;
+// One recv on the plain socket, repeated on EINTR; it waits for the
+// socket only when nothing has arrived yet. Returns recv's result, or
+// DL_ERR_READ when the wait failed (logged).
+int plain_receive(dl_http_conn *conn, void *buf, int len, int timeout) {
+  for (;;) {
+    ssize_t n = recv(conn->sock, buf, static_cast<size_t>(len), MSG_DONTWAIT);
+    if (n >= 0) return static_cast<int>(n);
+    if (errno == EINTR) continue;
+    if (errno != EAGAIN && errno != EWOULDBLOCK) return static_cast<int>(n);
+    if (dl_select(conn->sock, kWaitReadable, timeout) < 1) {
+      libq_log(quarry::kModHttp, quarry::kLogError, "Select error! errno %d\n", errno);
+      return DL_ERR_READ;
+    }
   }
-  ssize_t n;
-  do {
-    n = recv(conn->sock, buf, static_cast<size_t>(len), flags);
-  } while (n < 0 && errno == EINTR);
-  return static_cast<int>(n);
 }
 
 struct TlsResult {
-  int n;             // SSL_read's or SSL_peek's result
+  int n;             // SSL_read's result
   bool wait_failed;  // a wait for the socket failed first
 };
 
-// One SSL_read or SSL_peek, waiting for the socket while OpenSSL wants it;
-// the non-blocking socket of a TLS connection makes that the normal case.
-// Any other failure is logged.
-TlsResult tls_receive(dl_http_conn *conn, void *buf, int len, bool peek, int timeout) {
+// One SSL_read, waiting for the socket while OpenSSL wants it; the
+// non-blocking socket of a TLS connection makes that the normal case.
+// Any other failure is logged, as the failure of a line read when
+// |for_line| is set.
+TlsResult tls_receive(dl_http_conn *conn, void *buf, int len, bool for_line, int timeout) {
   for (;;) {
     ERR_clear_error();
-    int n = peek ? SSL_peek(conn->ssl, buf, len) : SSL_read(conn->ssl, buf, len);
+    int n = SSL_read(conn->ssl, buf, len);
     if (n >= 0) return {n, false};
     int err = SSL_get_error(conn->ssl, n);
     if (err == SSL_ERROR_WANT_READ || err == SSL_ERROR_WANT_WRITE) {
       if (dl_select(conn->sock, wait_mode(err), timeout) < 1) return {n, true};
       continue;
     }
-    if (peek) {
+    if (for_line) {
       libq_log(quarry::kModHttp, quarry::kLogError,
                "SSL_peek ret = %d len %d errno %d, ssl errno %d\n", n, len, errno, err);
     } else {
@@ -73,26 +75,64 @@ TlsResult tls_receive(dl_http_conn *conn, void *buf, int len, bool peek, int tim
   }
 }
 
-// Peeks up to |len| bytes. Returns the count, 0 when the peer closed, or
-// DL_ERR_READ (logged).
-int peek(dl_http_conn *conn, char *buf, int len, int timeout) {
+// One receive from the connection into |buf|, with http_recv's results.
+int receive(dl_http_conn *conn, void *buf, int len, int timeout) {
+  if ((conn->flags & DL_HTTP_TLS) == 0) return plain_receive(conn, buf, len, timeout);
+  if (conn->ssl == nullptr) {
+    log_error("context ssl is null\n");
+    return DL_ERR_READ;
+  }
+  TlsResult r = tls_receive(conn, buf, len, false, timeout);
+  return r.wait_failed ? -1 : r.n;
+}
+
+// Receives more bytes after those buffered for a line. Returns the count,
+// 0 when the peer closed, or DL_ERR_READ (logged).
+int receive_for_line(dl_http_conn *conn, dl_http_rx *rx, int timeout) {
+  uint8_t *at = rx->data + rx->end;
+  int room = static_cast<int>(kHttpRxSize - rx->end);
   int n;
   if ((conn->flags & DL_HTTP_TLS) == 0) {
-    n = plain_receive(conn, buf, len, MSG_PEEK, timeout);
+    n = plain_receive(conn, at, room, timeout);
   } else if (conn->ssl == nullptr) {
     log_error("context ssl is null\n");
     n = -1;
   } else {
-    n = tls_receive(conn, buf, len, true, timeout).n;
+    n = tls_receive(conn, at, room, true, timeout).n;
   }
   return n < 0 ? peek_failed() : n;
 }
 
+// The handle's receive buffer, allocated on first use; null when memory
+// is short.
+dl_http_rx *rx_of(dl_http_conn *conn) {
+  if (conn->rx == nullptr) {
+    conn->rx = static_cast<dl_http_rx *>(malloc(sizeof(dl_http_rx)));
+    if (conn->rx == nullptr) return nullptr;
+    conn->rx->start = 0;
+    conn->rx->end = 0;
+  }
+  return conn->rx;
+}
+
+uint32_t buffered(const dl_http_conn *conn) {
+  return conn->rx == nullptr ? 0 : conn->rx->end - conn->rx->start;
+}
+
+// Hands out up to |len| buffered bytes.
+int take(dl_http_rx *rx, void *buf, int len) {
+  uint32_t n = rx->end - rx->start;
+  if (static_cast<uint32_t>(len) < n) n = static_cast<uint32_t>(len);
+  memcpy(buf, rx->data + rx->start, n);
+  rx->start += n;
+  return static_cast<int>(n);
+}
+
 // Where "\r\n" starts in the first |len| bytes of |buf|, or -1. Searched
 // as bytes, so a stray NUL in a line cannot hide its end.
-long find_crlf(const char *buf, size_t len) {
+long find_crlf(const uint8_t *buf, size_t len) {
   const void *at = memmem(buf, len, "\r\n", 2);
-  return at == nullptr ? -1 : static_cast<const char *>(at) - buf;
+  return at == nullptr ? -1 : static_cast<const uint8_t *>(at) - buf;
 }
 
 }  // namespace
@@ -104,80 +144,84 @@ DL_EXPORT int http_recv(dl_http_conn *conn, void *buf, int len) {
     log_error("http recv with invalid parameter\n");
     return -1;
   }
+  if (buffered(conn) > 0) return take(conn->rx, buf, len);
   int timeout = quarry::cfg_read(&dl_config::timeout_s);
-  if ((conn->flags & DL_HTTP_TLS) == 0) return plain_receive(conn, buf, len, 0, timeout);
-  if (conn->ssl == nullptr) {
-    log_error("context ssl is null\n");
-    return DL_ERR_READ;
-  }
-  TlsResult r = tls_receive(conn, buf, len, false, timeout);
-  return r.wait_failed ? -1 : r.n;
+  // A read as large as the buffer gains nothing from it; without memory
+  // for the buffer, reading directly still works.
+  dl_http_rx *rx = len >= static_cast<int>(kHttpRxSize) ? nullptr : rx_of(conn);
+  if (rx == nullptr) return receive(conn, buf, len, timeout);
+  int n = receive(conn, rx->data, static_cast<int>(kHttpRxSize), timeout);
+  if (n <= 0) return n;
+  rx->start = 0;
+  rx->end = static_cast<uint32_t>(n);
+  return take(rx, buf, len);
 }
 
 DL_EXPORT int http_read_line(dl_http_conn *conn, int initial_size, int max_size, char *out,
                              int out_room) {
-  if (!quarry::http_conn_live(conn) || out == nullptr || initial_size < 2 ||
-      max_size < initial_size || out_room < 1) {
-    log_error("http read line with invalid parameter\n");
-    return DL_ERR_PARAM;
-  }
-  int timeout = quarry::cfg_read(&dl_config::timeout_s);
-  int size = initial_size;
-  BytePtr work(static_cast<char *>(malloc(static_cast<size_t>(size))));
-  if (work == nullptr) {
-    log_error("Out of memory\n");
-    return DL_ERR_NOMEM;
-  }
-  int fill = 0;
-  for (;;) {
-    int room = size - 1 - fill;
-    int peeked = room > 0 ? peek(conn, work.get() + fill, room, timeout) : 0;
-    if (peeked < 0) return peeked;
-    int got = 0;
-    long crlf = -1;
-    if (peeked > 0) {
-      work.get()[fill + peeked] = '\0';
-      crlf = find_crlf(work.get(), static_cast<size_t>(fill + peeked));
-      int want = crlf >= 0 ? static_cast<int>(crlf) + 2 - fill : peeked;
-      got = http_recv(conn, work.get() + fill, want);
-      if (got < 0) {
-        libq_log(quarry::kModHttp, quarry::kLogError, "read line error, ret %d\n", got);
-        return DL_ERR_READ;
-      }
-      fill += got;
-      // Counted in bytes taken rather than by strlen: the bound must hold
-      // for a line with a NUL in it too.
-      if (fill + 1 >= out_room) {
-        libq_log(quarry::kModHttp, quarry::kLogError, "Buffer not enough! buffer len %d\n",
-                 out_room);
-        return DL_ERR_READ;
-      }
-      if (got > 0 && crlf >= 0 && crlf + 2 <= fill) {
-        work.get()[crlf] = '\0';
-        memcpy(out, work.get(), static_cast<size_t>(crlf) + 1);
-        return static_cast<int>(crlf);
-      }
-    }
-    if (got == 0) {
-      // The peer closed: hand over what came of the line.
-      if (fill > 0) {
-        memcpy(out, work.get(), static_cast<size_t>(fill));
-        out[fill] = '\0';
-      }
-      return fill;
-    }
-    if (fill == size - 1 && size < max_size) {
-      int grown = size > max_size / 2 ? max_size : size * 2;
-      auto *bigger = static_cast<char *>(realloc(work.get(), static_cast<size_t>(grown)));
-      if (bigger == nullptr) {
-        log_error("Out of memory\n");
-        return DL_ERR_NOMEM;
-      }
-      work.release();
-      work.reset(bigger);
-      size = grown;
-    }
-  }
+  bool complete = false;
+  return quarry::http_read_line_ended(conn, initial_size, max_size, out, out_room, &complete);
 }
 
 }  // extern "C"
+
+namespace quarry {
+
+int http_read_line_ended(dl_http_conn *conn, int initial_size, int max_size, char *out,
+                         int out_room, bool *complete) {
+  *complete = false;
+  if (!http_conn_live(conn) || out == nullptr || initial_size < 2 || max_size < initial_size ||
+      out_room < 1) {
+    log_error("http read line with invalid parameter\n");
+    return DL_ERR_PARAM;
+  }
+  dl_http_rx *rx = rx_of(conn);
+  if (rx == nullptr) {
+    log_error("Out of memory\n");
+    return DL_ERR_NOMEM;
+  }
+  int timeout = -1;
+  for (;;) {
+    const uint8_t *line = rx->data + rx->start;
+    uint32_t avail = rx->end - rx->start;
+    long crlf = find_crlf(line, avail);
+    // What the line takes from the stream: through its CRLF, or all that
+    // came of it so far.
+    uint32_t used = crlf >= 0 ? static_cast<uint32_t>(crlf) + 2 : avail;
+    // Counted in bytes taken rather than by strlen: the bound must hold
+    // for a line with a NUL in it too.
+    if (used + 1 >= static_cast<uint32_t>(out_room) || used == kHttpRxSize) {
+      rx->start += used;
+      libq_log(kModHttp, kLogError, "Buffer not enough! buffer len %d\n", out_room);
+      return DL_ERR_READ;
+    }
+    if (crlf >= 0) {
+      memcpy(out, line, static_cast<size_t>(crlf));
+      out[crlf] = '\0';
+      rx->start += used;
+      *complete = true;
+      return static_cast<int>(crlf);
+    }
+    // Keep the partial line at the front and receive behind it.
+    if (rx->start > 0) {
+      memmove(rx->data, line, avail);
+      rx->start = 0;
+      rx->end = avail;
+    }
+    if (timeout < 0) timeout = cfg_read(&dl_config::timeout_s);
+    int n = receive_for_line(conn, rx, timeout);
+    if (n < 0) return n;
+    if (n == 0) {
+      // The peer closed: hand over what came of the line.
+      if (avail > 0) {
+        memcpy(out, rx->data, avail);
+        out[avail] = '\0';
+        rx->start = rx->end;
+      }
+      return static_cast<int>(avail);
+    }
+    rx->end += static_cast<uint32_t>(n);
+  }
+}
+
+}  // namespace quarry

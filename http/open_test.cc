@@ -125,6 +125,32 @@ TEST_F(HttpOpen, TemporaryRedirectIsReturnedWithItsBody) {
   EXPECT_EQ(count_of(peer.received(0), "GET "), 1u);
 }
 
+// The second response arrives with the first, before the second request:
+// it waits in the handle's receive buffer, and the connection is reused.
+TEST_F(HttpOpen, PipelinedAnswerAfterAChallengeIsReadOnTheSameConnection) {
+  TcpPeer peer;
+  peer.add({read_until(kEnd),
+            send_bytes(response("401 Unauthorized", "WWW-Authenticate: Basic realm=\"r\"\r\n",
+                                "no") +
+                       response("200 OK", "X-Second: yes\r\n", "in")),
+            read_until(kEnd), read_until(kEnd), read_to_end()});
+  peer.start();
+  use_url(local_url(peer.port(), "/a"));
+  param_.user = const_cast<char *>("user");
+  param_.password = const_cast<char *>("pass");
+  ASSERT_EQ(open(), 0);
+  EXPECT_STREQ(dl_http_find_header_by_name(conn_, "x-second"), "x-second: yes");
+  EXPECT_EQ(body(), "in");
+  dl_http_close(conn_);
+  conn_ = nullptr;
+  peer.wait();
+  const std::string got = peer.received(0);
+  EXPECT_EQ(peer.connections(), 1u);
+  EXPECT_EQ(count_of(got, "GET /a HTTP/1.1\r\n"), 2u);
+  EXPECT_EQ(count_of(got, "Authorization: Basic dXNlcjpwYXNz\r\n"), 1u);
+  EXPECT_TRUE(capture_->has(3, 3, "Cleaning cache\n"));
+}
+
 TEST_F(HttpOpen, BasicChallengeIsAnsweredOnTheSameConnection) {
   TcpPeer peer;
   peer.add(

@@ -92,28 +92,32 @@ int http_read_headers(dl_http_conn *conn, int status, uint32_t *block_size) {
   bool trace = dl_config_data_trace_enable() != 0;
   if (trace) log_error("HTTP response header:\n");
   uint32_t used = 0;
+  char line[kLineMax];
   for (;;) {
-    if (size - used < kHeaderBlockStart) {
-      if (size > UINT32_MAX / 2) {
-        log_error("Out of memory\n");
-        return DL_ERR_NOMEM;
-      }
-      auto *grown = static_cast<char *>(realloc(conn->headers, size * 2));
+    if (size - used < kHeaderBlockStart && size < kHeaderBlockMax) {
+      uint32_t grown_size = size * 2 < kHeaderBlockMax ? size * 2 : kHeaderBlockMax;
+      auto *grown = static_cast<char *>(realloc(conn->headers, grown_size));
       if (grown == nullptr) {
         log_error("Out of memory\n");
         return DL_ERR_NOMEM;
       }
-      memset(grown + size, 0, size);
+      memset(grown + size, 0, grown_size - size);
       conn->headers = grown;
-      size *= 2;
+      size = grown_size;
       *block_size = size;
     }
-    char *line = conn->headers + used;
     int n = http_read_line(conn, kLineStart, kLineMax, line, kLineMax);
     if (n < 0) return n;
     if (n == 0) break;
-    str2lower(line, static_cast<size_t>(n), ':');
-    if (trace) http_trace(line, n);
+    // The line, its NUL, and the empty string that ends the block.
+    if (static_cast<uint32_t>(n) + 2 > size - used) {
+      libq_log(kModHttp, kLogError, "Buffer not enough! buffer len %d\n", static_cast<int>(size));
+      return DL_ERR_READ;
+    }
+    char *stored = conn->headers + used;
+    memcpy(stored, line, static_cast<size_t>(n) + 1);
+    str2lower(stored, static_cast<size_t>(n), ':');
+    if (trace) http_trace(stored, n);
     used += static_cast<uint32_t>(n) + 1;
     conn->headers_len = used;
   }

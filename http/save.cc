@@ -4,45 +4,49 @@
 #include <stdlib.h>
 #include <string.h>
 
-#include <memory>
-#include <string>
-
 #include "core/core.h"
 #include "http/http_conn.h"
 #include "http/open_flow.h"
+#include "util/util.h"
 
 namespace {
 
 constexpr int kPiece = 512;
 constexpr size_t kMessageRoom = 256;
+// The file takes the body in pieces of 512 bytes; its stream buffer
+// gathers them so that a large body costs few writes.
+constexpr size_t kFileBuffer = 32768;
 
-struct FileClose {
-  void operator()(FILE *f) const { fclose(f); }
-};
-using FilePtr = std::unique_ptr<FILE, FileClose>;
+using quarry::UniqueFile;
+using NamePtr = quarry::UniqueMalloc<char>;
+using BufferPtr = quarry::UniqueMalloc<char>;
 
 void log_total(uint64_t total) {
   libq_log(quarry::kModHttp, quarry::kLogNotice, "recv : %d bytes\n", static_cast<int>(total));
 }
 
-// The file name a URL's path ends in, or false when the path names none.
-bool name_from_url(const char *url_text, std::string *name, dl_error *err) {
+// The file name a URL's path ends in, or null when the path names none.
+NamePtr name_from_url(const char *url_text, dl_error *err) {
   int code = 0;
   dl_url *url = dl_url_parse(url_text, nullptr, nullptr, &code);
   if (url == nullptr) {
     quarry::set_error(err, code != 0 ? code : DL_ERR_URL);
-    return false;
+    return nullptr;
   }
   const char *slash = url->path != nullptr ? strrchr(url->path, '/') : nullptr;
   if (slash == nullptr) {
     quarry::http_log_error("no file name in url\n");
     dl_url_free(url);
     quarry::set_error(err, DL_ERR_URL);
-    return false;
+    return nullptr;
   }
-  name->assign(slash + 1);
+  NamePtr name(strdup(slash + 1));
   dl_url_free(url);
-  return true;
+  if (name == nullptr) {
+    quarry::http_log_error("Out of memory\n");
+    quarry::set_error(err, DL_ERR_NOMEM);
+  }
+  return name;
 }
 
 // Copies the body into |file|. Returns 0, or -1 with the code in |err|.
@@ -79,21 +83,27 @@ int copy_body(dl_http_conn *conn, FILE *file, dl_error *err) {
 // Saves the body of the open |conn| (which it closes) into |path|, or
 // into the last path segment of |url_text| when |path| is null.
 int save_body(dl_http_conn *conn, const char *url_text, const char *path, dl_error *err) {
-  std::string name;
-  if (path != nullptr) {
-    name = path;
-  } else if (!name_from_url(url_text, &name, err)) {
-    dl_http_close(conn);
-    return -1;
+  NamePtr from_url;
+  if (path == nullptr) {
+    from_url = name_from_url(url_text, err);
+    if (from_url == nullptr) {
+      dl_http_close(conn);
+      return -1;
+    }
+    path = from_url.get();
   }
-  FilePtr file(fopen(name.c_str(), "wb"));
+  // Destroyed after the stream that uses it.
+  BufferPtr buffer(static_cast<char *>(malloc(kFileBuffer)));
+  UniqueFile file(fopen(path, "wb"));
   if (file == nullptr) {
     // Nothing was created here, so nothing is removed: the name may be an
     // existing directory or someone else's file.
-    libq_log(quarry::kModHttp, quarry::kLogError, "Can't open %s\n", name.c_str());
+    libq_log(quarry::kModHttp, quarry::kLogError, "Can't open %s\n", path);
     dl_http_close(conn);
     return -1;
   }
+  // Without the memory, the stream's own small buffer serves.
+  if (buffer != nullptr) setvbuf(file.get(), buffer.get(), _IOFBF, kFileBuffer);
   int ret = copy_body(conn, file.get(), err);
   dl_http_close(conn);
   if (ret == 0 && fclose(file.release()) != 0) {
@@ -103,7 +113,7 @@ int save_body(dl_http_conn *conn, const char *url_text, const char *path, dl_err
   }
   if (ret != 0) {
     file.reset();
-    remove(name.c_str());
+    remove(path);
     return -1;
   }
   return 0;

@@ -18,6 +18,7 @@
 
 #include "quarry.h"
 #include "quarry_internal.h"
+#include "tests/support/syscall_spy.h"
 
 namespace {
 
@@ -146,6 +147,23 @@ TEST_F(SyslogOutput, OutputHealsOnceDevLogAppears) {
     libq_log(2, 3, "lost\n");
     listener.start();
     // This call finds the output closed, reconnects and drops its line.
+    libq_log(2, 3, "dropped while reconnecting\n");
+    libq_log(2, 3, "arrives\n");
+  });
+  ASSERT_EQ(got.size(), 1u);
+  EXPECT_THAT(got[0], MatchesRegex(head(131) + "DCMN<3\\+error > arrives\n"));
+}
+
+TEST_F(SyslogOutput, MissingDevLogCostsOneConnectPerLine) {
+  auto got = run_isolated([](Listener &listener) {
+    libq_log_exit();
+    quarry_test::SyscallSpy spy;
+    // The output is opened, and its opening line tries again.
+    libq_log_init("LIBQ", DL_LOG_TYPE_SYSLOG, 0, nullptr);
+    for (int i = 0; i < 3; ++i) libq_log(2, 3, "lost\n");
+    // One socket, tried again by each line.
+    if (spy.socket_calls() != 1 || spy.connect_calls() != 5) _exit(6);
+    listener.start();
     libq_log(2, 3, "dropped while reconnecting\n");
     libq_log(2, 3, "arrives\n");
   });

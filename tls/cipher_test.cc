@@ -29,28 +29,26 @@ class Cipher : public ::testing::Test {
     quarry::CfgLock lock;
     g_dl_cfg.ssl_method = method;
   }
-  // The names of the ciphers a context made for |method| ends up with.
-  std::string chosen(int method) {
-    UniqueSslCtx ctx(quarry::tls_context_new(method));
-    EXPECT_EQ(dl_https_set_ssl_cipher(ctx.get()), 0);
+  static std::string names_of(SSL_CTX *ctx) {
     std::string names;
-    STACK_OF(SSL_CIPHER) *list = SSL_CTX_get_ciphers(ctx.get());
+    STACK_OF(SSL_CIPHER) *list = SSL_CTX_get_ciphers(ctx);
     for (int i = 0; i < sk_SSL_CIPHER_num(list); ++i) {
       names += SSL_CIPHER_get_name(sk_SSL_CIPHER_value(list, i));
       names += ' ';
     }
     return names;
   }
+  // The ciphers a context made for |method| ends up with.
+  std::string chosen(int method) {
+    UniqueSslCtx ctx(quarry::tls_context_new(method));
+    EXPECT_EQ(dl_https_set_ssl_cipher(ctx.get()), 0);
+    return names_of(ctx.get());
+  }
+  // The ciphers |text| gives such a context.
   std::string listed(int method, const char *text) {
     UniqueSslCtx ctx(quarry::tls_context_new(method));
     SSL_CTX_set_cipher_list(ctx.get(), text);
-    std::string names;
-    STACK_OF(SSL_CIPHER) *list = SSL_CTX_get_ciphers(ctx.get());
-    for (int i = 0; i < sk_SSL_CIPHER_num(list); ++i) {
-      names += SSL_CIPHER_get_name(sk_SSL_CIPHER_value(list, i));
-      names += ' ';
-    }
-    return names;
+    return names_of(ctx.get());
   }
   std::unique_ptr<LogCapture> log_;
 };

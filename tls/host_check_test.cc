@@ -38,6 +38,21 @@ UniqueX509 make_cert(const std::string &cn, const std::string &san) {
   return cert;
 }
 
+// A certificate whose only alternative name is a DNS entry of exactly
+// these bytes.
+UniqueX509 cert_with_dns_bytes(const unsigned char *bytes, int length) {
+  UniqueX509 cert(X509_new());
+  GENERAL_NAMES *names = GENERAL_NAMES_new();
+  GENERAL_NAME *name = GENERAL_NAME_new();
+  ASN1_IA5STRING *text = ASN1_IA5STRING_new();
+  if (length > 0) ASN1_STRING_set(text, bytes, length);
+  GENERAL_NAME_set0_value(name, GEN_DNS, text);
+  sk_GENERAL_NAME_push(names, name);
+  X509_add1_ext_i2d(cert.get(), NID_subject_alt_name, names, 0, X509V3_ADD_DEFAULT);
+  GENERAL_NAMES_free(names);
+  return cert;
+}
+
 class HostCheck : public ::testing::Test {
  protected:
   void SetUp() override { dl_config_init(); }
@@ -131,29 +146,14 @@ TEST_F(HostCheck, CommonNameWithAZeroByteMatchesNothing) {
 }
 
 TEST_F(HostCheck, DnsEntryWithAZeroByteMatchesNothing) {
-  UniqueX509 cert(X509_new());
-  GENERAL_NAMES *names = GENERAL_NAMES_new();
-  GENERAL_NAME *name = GENERAL_NAME_new();
-  ASN1_IA5STRING *text = ASN1_IA5STRING_new();
   static const unsigned char kEntry[] = {'p', 'h', 'o', 'n', 0};
-  ASN1_STRING_set(text, kEntry, sizeof kEntry);
-  GENERAL_NAME_set0_value(name, GEN_DNS, text);
-  sk_GENERAL_NAME_push(names, name);
-  X509_add1_ext_i2d(cert.get(), NID_subject_alt_name, names, 0, X509V3_ADD_DEFAULT);
-  GENERAL_NAMES_free(names);
+  UniqueX509 cert = cert_with_dns_bytes(kEntry, sizeof kEntry);
   EXPECT_FALSE(quarry::tls_host_matches(cert.get(), "phon"));
   EXPECT_FALSE(quarry::tls_host_matches(cert.get(), "phon\x01"));
 }
 
 TEST_F(HostCheck, EmptyDnsEntryIsSkipped) {
-  UniqueX509 cert(X509_new());
-  GENERAL_NAMES *names = GENERAL_NAMES_new();
-  GENERAL_NAME *name = GENERAL_NAME_new();
-  ASN1_IA5STRING *text = ASN1_IA5STRING_new();
-  GENERAL_NAME_set0_value(name, GEN_DNS, text);
-  sk_GENERAL_NAME_push(names, name);
-  X509_add1_ext_i2d(cert.get(), NID_subject_alt_name, names, 0, X509V3_ADD_DEFAULT);
-  GENERAL_NAMES_free(names);
+  UniqueX509 cert = cert_with_dns_bytes(nullptr, 0);
   X509_NAME_add_entry_by_NID(X509_get_subject_name(cert.get()), NID_commonName, MBSTRING_ASC,
                              reinterpret_cast<const unsigned char *>("cn.test"), -1, -1, 0);
   EXPECT_FALSE(quarry::tls_host_matches(cert.get(), ""));

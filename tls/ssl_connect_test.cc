@@ -4,6 +4,8 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <string.h>
+#include <sys/resource.h>
+#include <sys/select.h>
 
 #include <string>
 
@@ -318,6 +320,26 @@ TEST_F(SslConnect, FallbackCipherListStillConnects) {
   EXPECT_EQ(handshake_with(&peer, 5, 1, 1, "localhost"), 0) << log_->text();
   // RSA key exchange only.
   EXPECT_EQ(std::string(SSL_get_cipher_name(ssl_)).find("ECDHE"), std::string::npos);
+}
+
+TEST_F(SslConnect, DescriptorAboveTheSelectLimitIsWaitedOnSafely) {
+  rlimit limit;
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
+  if (limit.rlim_max <= FD_SETSIZE + 10) GTEST_SKIP() << "descriptor limit too low";
+  rlimit raised = limit;
+  raised.rlim_cur = FD_SETSIZE + 10;
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &raised), 0);
+  TlsPeer peer(server());
+  peer.add({});
+  peer.start();
+  connect_to(peer.port());
+  int high = dup2(fd_, FD_SETSIZE + 5);
+  ASSERT_EQ(high, FD_SETSIZE + 5);
+  close(fd_);
+  fd_ = high;
+  EXPECT_EQ(handshake(3, 1, 1, "localhost"), 0) << log_->text();
+  release();
+  setrlimit(RLIMIT_NOFILE, &limit);
 }
 
 TEST_F(SslConnect, WritesToAVanishedServerFailWithoutSigpipe) {

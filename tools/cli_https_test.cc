@@ -1,37 +1,20 @@
 // The quarry tool over HTTPS: its verifying defaults, --insecure, --cert,
 // and what --help says about them.
 #include <gtest/gtest.h>
-#include <stdio.h>
-#include <sys/wait.h>
 
 #include <string>
 
 #include "tests/peer/tls_peer.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/real_servers.h"
+#include "tools/cli_test_support.h"
 
 namespace {
 
 using quarry_test::TlsPeer;
 using quarry_test::TlsPeerConfig;
-
-struct CliRun {
-  int status;
-  std::string out;
-};
-
-CliRun run(const std::string &args) {
-  std::string command = std::string(QUARRY_CLI) + " " + args + " 2>&1";
-  CliRun result{-1, ""};
-  FILE *pipe = popen(command.c_str(), "r");
-  if (pipe == nullptr) return result;
-  char buf[4096];
-  size_t n;
-  while ((n = fread(buf, 1, sizeof(buf), pipe)) > 0) result.out.append(buf, n);
-  int status = pclose(pipe);
-  result.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  return result;
-}
+using quarry_cli_test::CliRun;
+using quarry_cli_test::run;
 
 std::string pki(const std::string &file) { return quarry_test::test_pki_dir() + "/" + file; }
 

@@ -10,13 +10,17 @@
 
 #include "tests/peer/scripted_peer.h"
 #include "tests/support/log_capture.h"
-#include "tools/cli_run.h"
+#include "tools/cli_test_support.h"
 
 namespace {
 
 using quarry_cli_test::CliRun;
-using quarry_cli_test::run_cli;
-using quarry_cli_test::run_cli_stdout;
+using quarry_cli_test::Stderr;
+
+CliRun run_cli(const std::string &args) { return quarry_cli_test::run(args); }
+CliRun run_cli_stdout(const std::string &args) {
+  return quarry_cli_test::run(args, Stderr::kDropped);
+}
 
 constexpr int kExitOk = 0;
 constexpr int kExitFailed = 1;

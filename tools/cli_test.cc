@@ -1,34 +1,17 @@
 // The quarry tool as a caller runs it: exit status, standard output and the
 // failure line on standard error.
 #include <gtest/gtest.h>
-#include <stdio.h>
-#include <sys/wait.h>
 
 #include <string>
 
 #include "tests/peer/scripted_peer.h"
 #include "tests/support/log_capture.h"
+#include "tools/cli_test_support.h"
 
 namespace {
 
-struct CliRun {
-  int status;
-  std::string out;
-};
-
-// Runs the tool with |args| (standard error joined to standard output).
-CliRun run(const std::string &args) {
-  std::string command = std::string(QUARRY_CLI) + " " + args + " 2>&1";
-  CliRun result{-1, ""};
-  FILE *pipe = popen(command.c_str(), "r");
-  if (pipe == nullptr) return result;
-  char buf[4096];
-  size_t n;
-  while ((n = fread(buf, 1, sizeof(buf), pipe)) > 0) result.out.append(buf, n);
-  int status = pclose(pipe);
-  result.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  return result;
-}
+using quarry_cli_test::CliRun;
+using quarry_cli_test::run;
 
 std::string serve_once(quarry_test::TcpPeer &peer, const std::string &response) {
   peer.add({quarry_test::read_until("\r\n\r\n"), quarry_test::send_bytes(response),

@@ -6,28 +6,15 @@
 #include <string>
 
 #include "net/dns_test_peer.h"
+#include "tools/cli_test_support.h"
 
 namespace quarry_test {
 namespace {
 
-struct CliRun {
-  int status;
-  std::string out;
-};
+using quarry_cli_test::CliRun;
 
 // Runs "quarry resolve |args|" (standard error joined to standard output).
-CliRun resolve_cli(const std::string &args) {
-  std::string command = std::string(QUARRY_CLI) + " resolve " + args + " 2>&1";
-  CliRun result{-1, ""};
-  FILE *pipe = popen(command.c_str(), "r");
-  if (pipe == nullptr) return result;
-  char buf[4096];
-  size_t n;
-  while ((n = fread(buf, 1, sizeof(buf), pipe)) > 0) result.out.append(buf, n);
-  int status = pclose(pipe);
-  result.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  return result;
-}
+CliRun resolve_cli(const std::string &args) { return quarry_cli_test::run("resolve " + args); }
 
 class ResolveCommand : public ::testing::Test {
  protected:

@@ -6,13 +6,13 @@
 #include "tests/peer/scripted_peer.h"
 #include "tests/ring/ring_test_support.h"
 #include "tests/support/log_capture.h"
-#include "tools/cli_run.h"
+#include "tools/cli_test_support.h"
 
 namespace {
 
 using quarry_cli_test::CliRun;
 
-CliRun ring(const std::string &args) { return quarry_cli_test::run_cli("ring " + args); }
+CliRun ring(const std::string &args) { return quarry_cli_test::run("ring " + args); }
 
 TEST(QuarryRing, NamePrintsTheRingNumber) {
   const CliRun r = ring("'' Bellcore-dr3");

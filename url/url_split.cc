@@ -19,6 +19,16 @@ using quarry::kModCommon;
 
 constexpr std::string_view kSchemeSeparator = "://";
 
+// |text| from |pos| on, at most |n| bytes, clamped to the text: substr
+// without the out-of-range throw, which needs the C++ runtime the library
+// does without.
+constexpr std::string_view part(std::string_view text, size_t pos,
+                                size_t n = std::string_view::npos) {
+  if (pos > text.size()) pos = text.size();
+  size_t left = text.size() - pos;
+  return std::string_view(text.data() + pos, n < left ? n : left);
+}
+
 // Reads the scheme and returns the text after it through |rest|.
 bool split_scheme(std::string_view text, dl_url_parts *parts, std::string_view *rest) {
   if (text.find(kSchemeSeparator) == std::string_view::npos) {
@@ -30,7 +40,7 @@ bool split_scheme(std::string_view text, dl_url_parts *parts, std::string_view *
   for (unsigned row = 0; quarry::url_scheme_tab[row].prefix != nullptr; ++row) {
     if (quarry::has_prefix_nocase(text, quarry::url_scheme_tab[row].prefix)) {
       parts->scheme = row;
-      *rest = text.substr(text.find(kSchemeSeparator) + kSchemeSeparator.size());
+      *rest = part(text, text.find(kSchemeSeparator) + kSchemeSeparator.size());
       return true;
     }
   }
@@ -46,7 +56,7 @@ bool split_login(std::string_view authority, dl_url_parts *parts, std::string_vi
     *host_part = authority;
     return true;
   }
-  std::string_view login = authority.substr(0, at);
+  std::string_view login = part(authority, 0, at);
   if (quarry::only_blanks(login)) {
     libq_log(kModCommon, kLogError, "Login Info Invalid!\n");
     return false;
@@ -54,13 +64,13 @@ bool split_login(std::string_view authority, dl_url_parts *parts, std::string_vi
   login = quarry::skip_blanks(login);
   size_t colon = login.find(':');
   if (colon == std::string_view::npos) return false;
-  parts->user = quarry::copy_text(login.substr(0, colon));
-  parts->password = quarry::copy_text(login.substr(colon + 1));
+  parts->user = quarry::copy_text(part(login, 0, colon));
+  parts->password = quarry::copy_text(part(login, colon + 1));
   if (parts->user == nullptr || parts->password == nullptr) {
     libq_log(kModCommon, kLogError, "Malloc err\n");
     return false;
   }
-  *host_part = authority.substr(at + 1);
+  *host_part = part(authority, at + 1);
   return true;
 }
 
@@ -79,12 +89,12 @@ bool split_host_port(std::string_view host_part, dl_url_parts *parts) {
     size_t close = host_part.find(']', open + 1);
     if (close == std::string_view::npos) return false;
     if (quarry::cfg_read(&dl_config::ipv6_enable) == 0) return false;
-    host = host_part.substr(open + 1, close - open - 1);
+    host = part(host_part, open + 1, close - open - 1);
     // Whatever stands between "]" and the ":" is ignored.
     separator = host_part.find(':', close + 1);
   } else {
     separator = host_part.find(':');
-    host = host_part.substr(0, separator);
+    host = part(host_part, 0, separator);
   }
   if (host.empty()) return false;
   parts->host = quarry::copy_text(host);
@@ -95,7 +105,7 @@ bool split_host_port(std::string_view host_part, dl_url_parts *parts) {
 
   parts->port = quarry::url_scheme_tab[parts->scheme].port;
   if (separator == std::string_view::npos) return true;
-  std::string_view port_text = host_part.substr(separator + 1);
+  std::string_view port_text = part(host_part, separator + 1);
   if (quarry::only_blanks(port_text)) {
     libq_log(kModCommon, kLogError, "Host Info Invalid!\n");
     return false;
@@ -130,13 +140,13 @@ int split(const char *url, dl_url_parts *parts) {
   libq_log(kModCommon, kLogInfo, "Skip Space Success!\n");
 
   size_t slash = rest.find('/');
-  std::string_view authority = rest.substr(0, slash);
+  std::string_view authority = part(rest, 0, slash);
   std::string_view host_part;
   if (!split_login(authority, parts, &host_part) || !split_host_port(host_part, parts)) {
     libq_log(kModCommon, kLogError, "Login_Host_Port Info Parsing Fail!\n");
     return -1;
   }
-  parts->path = quarry::copy_text(slash == std::string_view::npos ? "/" : rest.substr(slash));
+  parts->path = quarry::copy_text(slash == std::string_view::npos ? "/" : part(rest, slash));
   if (parts->path == nullptr) {
     libq_log(kModCommon, kLogError, "Malloc err\n");
     return -1;

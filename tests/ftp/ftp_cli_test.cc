@@ -7,29 +7,14 @@
 #include <string>
 
 #include "tests/ftp/ftp_peer.h"
+#include "tools/cli_test_support.h"
 
 namespace {
 
 using namespace quarry_test;
 
-struct CliRun {
-  int status;
-  std::string out;
-};
-
-// Runs the tool with |args| (standard error joined to standard output).
-CliRun run(const std::string &args) {
-  std::string command = std::string(QUARRY_CLI) + " " + args + " 2>&1";
-  CliRun result{-1, ""};
-  FILE *pipe = popen(command.c_str(), "r");
-  if (pipe == nullptr) return result;
-  char buf[4096];
-  size_t n;
-  while ((n = fread(buf, 1, sizeof(buf), pipe)) > 0) result.out.append(buf, n);
-  int status = pclose(pipe);
-  result.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  return result;
-}
+using quarry_cli_test::CliRun;
+using quarry_cli_test::run;
 
 class FtpCli : public ::testing::Test {
  protected:

@@ -99,66 +99,65 @@ void TcpPeer::run() {
 }
 
 void TcpPeer::play(int fd, const Script &script, size_t index) {
-  std::string got;
-  auto record = [&](const char *data, size_t n) {
-    got.append(data, n);
-    std::lock_guard<std::mutex> lock(mutex_);
-    received_[index].append(data, n);
-  };
-  // Reads once; false when the library closed or nothing came in time.
-  auto read_some = [&]() {
+  PeerIo io;
+  io.read_some = [&](std::string *got) {
     if (!wait_readable(fd, stop_)) return false;
     char buf[4096];
     ssize_t n = recv(fd, buf, sizeof(buf), 0);
     if (n <= 0) return false;
-    record(buf, static_cast<size_t>(n));
+    got->append(buf, static_cast<size_t>(n));
+    std::lock_guard<std::mutex> lock(mutex_);
+    received_[index].append(buf, static_cast<size_t>(n));
     return true;
   };
+  io.send = [&](const std::string &data) { send(fd, data.data(), data.size(), MSG_NOSIGNAL); };
+  if (play_script(script, io, stop_) == ScriptEnd::kReset) {
+    linger lg = {1, 0};
+    setsockopt(fd, SOL_SOCKET, SO_LINGER, &lg, sizeof(lg));
+  }
+  close(fd);
+}
+
+ScriptEnd play_script(const Script &script, const PeerIo &io, const std::atomic<bool> &stop) {
+  std::string got;
   size_t consumed = 0;
-  bool open = true;
   for (const Step &step : script) {
-    if (!open || stop_) break;
+    if (stop) break;
     switch (step.kind) {
       case Step::kReadUntil: {
-        size_t at;
-        while ((at = got.find(step.data, consumed)) == std::string::npos) {
-          if (!read_some()) break;
+        while (got.find(step.data, consumed) == std::string::npos) {
+          if (!io.read_some(&got)) break;
         }
-        at = got.find(step.data, consumed);
+        size_t at = got.find(step.data, consumed);
         consumed = at == std::string::npos ? got.size() : at + step.data.size();
         break;
       }
       case Step::kReadBytes:
         while (got.size() < consumed + step.count) {
-          if (!read_some()) break;
+          if (!io.read_some(&got)) break;
         }
         consumed = std::min(got.size(), consumed + step.count);
         break;
       case Step::kReadToEnd:
-        while (read_some()) {
+        while (io.read_some(&got)) {
         }
         consumed = got.size();
         break;
       case Step::kSend:
-        send(fd, step.data.data(), step.data.size(), MSG_NOSIGNAL);
+        io.send(step.data);
         break;
       case Step::kSleep:
         std::this_thread::sleep_for(std::chrono::milliseconds(step.count));
         break;
       case Step::kClose:
-        open = false;
-        break;
-      case Step::kReset: {
-        linger lg = {1, 0};
-        setsockopt(fd, SOL_SOCKET, SO_LINGER, &lg, sizeof(lg));
-        open = false;
-        break;
-      }
+        return ScriptEnd::kClosed;
+      case Step::kReset:
+        return ScriptEnd::kReset;
       case Step::kSwitchPort:
         break;
     }
   }
-  close(fd);
+  return ScriptEnd::kDone;
 }
 
 // ---------------------------------------------------------------- UDP ----

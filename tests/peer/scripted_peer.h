@@ -7,6 +7,7 @@
 #include <stdint.h>
 
 #include <atomic>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -40,6 +41,20 @@ Step reset_conn();
 Step switch_port();
 
 using Script = std::vector<Step>;
+
+// How one connection reads and sends while a script plays: |read_some|
+// reads once and appends to |*got|, false at the end of the stream or on a
+// time-out; |send| writes all of |data|.
+struct PeerIo {
+  std::function<bool(std::string *got)> read_some;
+  std::function<void(const std::string &data)> send;
+};
+
+// How a script left its connection.
+enum class ScriptEnd { kDone, kClosed, kReset };
+
+// Plays the steps of |script| on one connection (kSwitchPort is ignored).
+ScriptEnd play_script(const Script &script, const PeerIo &io, const std::atomic<bool> &stop);
 
 class TcpPeer {
  public:

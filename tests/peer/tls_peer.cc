@@ -136,62 +136,29 @@ void TlsPeer::play(int fd, const Script &script, size_t index) {
       }
     }
   }
-  std::string got;
-  auto read_some = [&]() {
-    if (SSL_pending(ssl) == 0 && !wait_readable(fd, stop_)) return false;
-    char buf[4096];
-    int n = SSL_read(ssl, buf, sizeof buf);
-    if (n <= 0) return false;
-    got.append(buf, static_cast<size_t>(n));
-    std::lock_guard<std::mutex> lock(mutex_);
-    connections_[index].received.append(buf, static_cast<size_t>(n));
-    return true;
-  };
-  size_t consumed = 0;
-  bool open = ok;
-  bool goodbye = true;
-  for (const Step &step : script) {
-    if (!open || stop_) break;
-    switch (step.kind) {
-      case Step::kReadUntil: {
-        while (got.find(step.data, consumed) == std::string::npos) {
-          if (!read_some()) break;
-        }
-        size_t at = got.find(step.data, consumed);
-        consumed = at == std::string::npos ? got.size() : at + step.data.size();
-        break;
-      }
-      case Step::kReadBytes:
-        while (got.size() < consumed + step.count) {
-          if (!read_some()) break;
-        }
-        consumed = std::min(got.size(), consumed + step.count);
-        break;
-      case Step::kReadToEnd:
-        while (read_some()) {
-        }
-        consumed = got.size();
-        break;
-      case Step::kSend:
-        SSL_write(ssl, step.data.data(), static_cast<int>(step.data.size()));
-        break;
-      case Step::kSleep:
-        std::this_thread::sleep_for(std::chrono::milliseconds(step.count));
-        break;
-      case Step::kClose:
-        open = false;
-        break;
-      case Step::kReset: {
-        linger lg = {1, 0};
-        setsockopt(fd, SOL_SOCKET, SO_LINGER, &lg, sizeof(lg));
-        open = false;
-        goodbye = false;
-        break;
-      }
-      case Step::kSwitchPort:
-        break;
-    }
+  ScriptEnd end = ScriptEnd::kClosed;
+  if (ok) {
+    PeerIo io;
+    io.read_some = [&](std::string *got) {
+      if (SSL_pending(ssl) == 0 && !wait_readable(fd, stop_)) return false;
+      char buf[4096];
+      int n = SSL_read(ssl, buf, sizeof buf);
+      if (n <= 0) return false;
+      got->append(buf, static_cast<size_t>(n));
+      std::lock_guard<std::mutex> lock(mutex_);
+      connections_[index].received.append(buf, static_cast<size_t>(n));
+      return true;
+    };
+    io.send = [&](const std::string &data) {
+      SSL_write(ssl, data.data(), static_cast<int>(data.size()));
+    };
+    end = play_script(script, io, stop_);
   }
+  if (end == ScriptEnd::kReset) {
+    linger lg = {1, 0};
+    setsockopt(fd, SOL_SOCKET, SO_LINGER, &lg, sizeof(lg));
+  }
+  bool goodbye = end != ScriptEnd::kReset;
   if (ok && goodbye && config_.close_notify) SSL_shutdown(ssl);
   SSL_free(ssl);
   ERR_clear_error();

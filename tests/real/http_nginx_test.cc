@@ -116,6 +116,15 @@ TEST_F(Nginx, ChunkedFileMatchesTheOriginal) {
   EXPECT_EQ(saved("c.bin"), read_file(server_->doc_root() + "/files/1M.bin"));
 }
 
+TEST_F(Nginx, SeveralMebibytesChunkedMatchByteForByte) {
+  uint32_t limit = 16u << 20;
+  ASSERT_EQ(dl_set_option(DL_OPT_MAX_FILE_SIZE, &limit), 0);
+  ASSERT_EQ(download(url("/chunkedfile/6M.bin"), "c6.bin"), 0) << err_.msg;
+  EXPECT_TRUE(log_->has(3, 3, "Chunked Encoding\n"));
+  EXPECT_TRUE(log_->has(3, 5, "recv : 6291456 bytes\n"));
+  EXPECT_EQ(saved("c6.bin"), read_file(server_->doc_root() + "/files/6M.bin"));
+}
+
 TEST_F(Nginx, RequestCarriesHostUserAgentAcceptAndKeepAlive) {
   ASSERT_EQ(download(url("/headers"), "h.txt"), 0) << err_.msg;
   std::string head = saved("h.txt");
@@ -128,18 +137,7 @@ TEST_F(Nginx, RequestCarriesHostUserAgentAcceptAndKeepAlive) {
 }
 
 TEST_F(Nginx, StreamsThroughOpenAndRead) {
-  std::string u = url("/files/1M.bin");
-  dl_request req = {};
-  req.url = const_cast<char *>(u.c_str());
-  dl_handle *h = nullptr;
-  ASSERT_EQ(dl_open(&req, &h, redirect_, &err_), 0) << err_.msg;
-  std::string body;
-  char buf[7000];
-  int n;
-  while ((n = dl_read(h, buf, sizeof(buf), &err_)) > 0) body.append(buf, static_cast<size_t>(n));
-  EXPECT_EQ(n, 0);
-  dl_close(h);
-  EXPECT_EQ(body, read_file(server_->doc_root() + "/files/1M.bin"));
+  EXPECT_EQ(stream(url("/files/1M.bin")), read_file(server_->doc_root() + "/files/1M.bin"));
 }
 
 TEST_F(Nginx, DownloadsOverIpv6WhenEnabled) {

@@ -53,6 +53,24 @@ class HttpRealTest : public ::testing::Test {
     return dl_upload(&req, path.c_str(), nullptr, redirect_, &err_, headers.c_str(), mode, 0);
   }
 
+  // Reads |url| through dl_open and dl_read in pieces of 7000 bytes;
+  // returns the body, or "" (with a test failure) when the open fails.
+  std::string stream(const std::string &url) {
+    dl_request req = {};
+    req.url = const_cast<char *>(url.c_str());
+    dl_handle *h = nullptr;
+    err_ = {};
+    EXPECT_EQ(dl_open(&req, &h, redirect_, &err_), 0) << err_.msg;
+    if (h == nullptr) return "";
+    std::string body;
+    char buf[7000];
+    int n;
+    while ((n = dl_read(h, buf, sizeof(buf), &err_)) > 0) body.append(buf, static_cast<size_t>(n));
+    EXPECT_EQ(n, 0) << err_.msg;
+    dl_close(h);
+    return body;
+  }
+
   std::string saved(const std::string &file) { return read_file(dir_.file(file)); }
   bool exists(const std::string &file) { return file_exists(dir_.file(file)); }
 

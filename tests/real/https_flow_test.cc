@@ -151,18 +151,7 @@ TEST_F(HttpsFlow, StreamsThroughOpenAndRead) {
   std::string body(50000, 'b');
   peer.add({read_until("\r\n\r\n"), send_bytes(ok(body)), close_conn()});
   peer.start();
-  std::string u = base(peer.port()) + "/big";
-  dl_request req = {};
-  req.url = const_cast<char *>(u.c_str());
-  dl_handle *h = nullptr;
-  ASSERT_EQ(dl_open(&req, &h, redirect_, &err_), 0) << err_.msg << log_->text();
-  std::string got;
-  char buf[4096];
-  int n;
-  while ((n = dl_read(h, buf, sizeof(buf), &err_)) > 0) got.append(buf, static_cast<size_t>(n));
-  EXPECT_EQ(n, 0);
-  dl_close(h);
-  EXPECT_EQ(got, body);
+  EXPECT_EQ(stream(base(peer.port()) + "/big"), body);
 }
 
 }  // namespace

@@ -13,10 +13,7 @@ class HttpsNginx : public HttpRealTest {
   void SetUp() override {
     HttpRealTest::SetUp();
     server_ = &RealServer::shared("nginx");
-    if (!server_->ok()) {
-      if (server_->skippable()) GTEST_SKIP() << server_->error();
-      FAIL() << server_->error();
-    }
+    QUARRY_REQUIRE_SERVER(*server_);
     // What the quarry tool sets: negotiated version, full verification.
     std::string cadir = RealServer::pki("cadir");
     ASSERT_EQ(dl_set_option(DL_OPT_SSL_CA_PATH, cadir.c_str()), 0);
@@ -123,18 +120,7 @@ TEST_F(HttpsNginx, PutUploadsSmallAndLargeFiles) {
 }
 
 TEST_F(HttpsNginx, StreamsThroughOpenAndRead) {
-  std::string u = url("/files/1M.bin");
-  dl_request req = {};
-  req.url = const_cast<char *>(u.c_str());
-  dl_handle *h = nullptr;
-  ASSERT_EQ(dl_open(&req, &h, redirect_, &err_), 0) << err_.msg;
-  std::string body;
-  char buf[7000];
-  int n;
-  while ((n = dl_read(h, buf, sizeof(buf), &err_)) > 0) body.append(buf, static_cast<size_t>(n));
-  EXPECT_EQ(n, 0);
-  dl_close(h);
-  EXPECT_EQ(body, read_file(server_->doc_root() + "/files/1M.bin"));
+  EXPECT_EQ(stream(url("/files/1M.bin")), read_file(server_->doc_root() + "/files/1M.bin"));
 }
 
 }  // namespace

@@ -14,10 +14,7 @@ class HttpsVersions : public HttpRealTest {
   void SetUp() override {
     HttpRealTest::SetUp();
     server_ = &RealServer::shared("tls");
-    if (!server_->ok()) {
-      if (server_->skippable()) GTEST_SKIP() << server_->error();
-      FAIL() << server_->error();
-    }
+    QUARRY_REQUIRE_SERVER(*server_);
     std::string cadir = RealServer::pki("cadir");
     ASSERT_EQ(dl_set_option(DL_OPT_SSL_CA_PATH, cadir.c_str()), 0);
   }

@@ -32,6 +32,7 @@ P=${PKI_DIR:-$DIR/pki}
 mkdir -p "$DIR"/{conf,logs,tmp,www/files,www/private,upload}
 printf 'hello world\n' > "$DIR/www/files/hello.txt"
 head -c 1048576 /dev/urandom > "$DIR/www/files/1M.bin"
+head -c 6291456 /dev/urandom > "$DIR/www/files/6M.bin"
 printf 'secret stuff\n' > "$DIR/www/private/secret.txt"
 printf 'user1:%s\n' "$(openssl passwd -apr1 pass1)" > "$DIR/conf/htpasswd"
 chmod 644 "$DIR/conf/htpasswd"

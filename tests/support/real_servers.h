@@ -98,7 +98,9 @@ class RealServer {
   std::string doc_root() const;
   std::string upload_dir() const;
   // A file of the test PKI: ca.crt, server.crt/.key, client.crt/.key,
-  // selfsigned.crt/.key, chain.pem.
+  // selfsigned.crt/.key, chain.pem, cnonly.crt/.key, expired.crt/.key,
+  // client.pem, client_enc.pem, client_eckey.pem, client_otherkey.pem,
+  // cadir (see tests/servers/pki.sh).
   static std::string pki(const std::string &file);
 
   // Pids recorded for the running server processes (group leaders).

@@ -25,6 +25,7 @@ struct SpyAccess {
     using Fn = int (*)(int, int, int);
     static const Fn real = next_symbol<Fn>("socket");
     SyscallSpy *spy = t_spy;
+    if (spy != nullptr) ++spy->socket_calls_;
     if (spy != nullptr && spy->socket_errno_ != 0) {
       errno = spy->socket_errno_;
       return -1;

@@ -17,6 +17,7 @@ class SyscallSpy {
   SyscallSpy &operator=(const SyscallSpy &) = delete;
 
   int select_calls() const { return select_calls_; }
+  int socket_calls() const { return socket_calls_; }
   int connect_calls() const { return connect_calls_; }
 
   // socket() fails with |err|.
@@ -32,6 +33,7 @@ class SyscallSpy {
  private:
   friend struct SpyAccess;
   int select_calls_ = 0;
+  int socket_calls_ = 0;
   int connect_calls_ = 0;
   int socket_errno_ = 0;
   int socket_min_fd_ = 0;

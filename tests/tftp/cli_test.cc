@@ -6,27 +6,16 @@
 #include <string>
 
 #include "tests/tftp/tftp_test_env.h"
+#include "tools/cli_test_support.h"
 
 namespace quarry_test {
 namespace {
 
-struct CliRun {
-  int status;
-  std::string out;
-};
+using quarry_cli_test::CliRun;
 
 // Runs the tool with |args|; standard error is dropped.
 CliRun run(const std::string &args) {
-  std::string command = std::string(QUARRY_CLI) + " " + args + " 2>/dev/null";
-  CliRun result{-1, ""};
-  FILE *pipe = popen(command.c_str(), "r");
-  if (pipe == nullptr) return result;
-  char buf[4096];
-  size_t n;
-  while ((n = fread(buf, 1, sizeof(buf), pipe)) > 0) result.out.append(buf, n);
-  int status = pclose(pipe);
-  result.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  return result;
+  return quarry_cli_test::run(args, quarry_cli_test::Stderr::kDropped);
 }
 
 TEST(TftpCli, GetStreamsTheFile) {
