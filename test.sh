@@ -59,6 +59,13 @@ run_tsan_tests() {
   TSAN_OPTIONS=halt_on_error=1 ctest --test-dir build-tsan --output-on-failure -R "$pattern"
 }
 
+# ./test.sh --arm: only the armhf cross build and its tests under qemu.
+if [ "${1:-}" = "--arm" ]; then
+  stage "install dependencies" tests/servers/install-deps.sh || exit 1
+  stage "armhf build and tests (qemu-arm)" tests/arm/run.sh
+  exit $status
+fi
+
 stage "install dependencies" tests/servers/install-deps.sh || exit 1
 stage "build (ASan+UBSan)" build build-asan -DQUARRY_SANITIZE=ON || exit 1
 stage "build" build build || exit 1

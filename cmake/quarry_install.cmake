@@ -48,3 +48,6 @@ endif()
 configure_file(cmake/quarry.pc.in ${CMAKE_CURRENT_BINARY_DIR}/quarry.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/quarry.pc
         DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+
+# The tool's manual page.
+install(FILES tools/quarry.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)

@@ -37,8 +37,27 @@ function(quarry_add_test name)
   target_link_libraries(${name} PRIVATE quarry_testkit quarry_static ${QT_LIBS}
       GTest::gtest GTest::gmock GTest::gtest_main)
   add_test(NAME ${name} COMMAND ${name})
+  set_property(GLOBAL APPEND PROPERTY QUARRY_TEST_TARGETS ${name})
   set_tests_properties(${name} PROPERTIES TIMEOUT 300)
   if(QT_LABELS)
     set_tests_properties(${name} PROPERTIES LABELS "${QT_LABELS}")
   endif()
 endfunction()
+
+# In a cross build the tests run under an emulator (qemu-arm), and so must
+# the quarry tool they start: QUARRY_CLI, the command the tool's tests run,
+# gets the emulator in front once every folder has added its tests.
+function(quarry_emulate_tool_in_tests)
+  list(JOIN CMAKE_CROSSCOMPILING_EMULATOR " " launcher)
+  get_property(tests GLOBAL PROPERTY QUARRY_TEST_TARGETS)
+  foreach(name IN LISTS tests)
+    get_target_property(definitions ${name} COMPILE_DEFINITIONS)
+    if(definitions MATCHES "QUARRY_CLI=")
+      list(TRANSFORM definitions REPLACE "^QUARRY_CLI=\"" "QUARRY_CLI=\"${launcher} ")
+      set_property(TARGET ${name} PROPERTY COMPILE_DEFINITIONS "${definitions}")
+    endif()
+  endforeach()
+endfunction()
+if(CMAKE_CROSSCOMPILING AND CMAKE_CROSSCOMPILING_EMULATOR AND QUARRY_TESTS)
+  cmake_language(DEFER CALL quarry_emulate_tool_in_tests)
+endif()

@@ -42,7 +42,7 @@ TEST(QuarryCli, FailureReportsCodeAndText) {
   std::string base = serve_once(peer, "HTTP/1.1 404 Not Found\r\nContent-Length: 0\r\n\r\n");
   CliRun r = run("get " + base + "/missing");
   EXPECT_EQ(r.status, 1);
-  EXPECT_EQ(r.out, "quarry: failed: 404 Unknown Error\n");
+  EXPECT_EQ(r.out, "quarry: failed: HTTP 404 Not Found\n");
 }
 
 TEST(QuarryCli, PutSendsTheFileWithExtraHeader) {

@@ -4,6 +4,9 @@
 //   quarry put FILE URL [--header 'Name: value'] [--put] [--name REMOTE]
 //              [--append | --store] [--limit-mode 1|2]   (ftp)
 //   quarry version | quarry error CODE
+//   quarry ring ... | quarry resolve ... | quarry cert ...
+//   quarry --help | quarry --version
+// Exit status: 0 done, 1 the transfer failed, 2 a usage error.
 // Options for get and put: --user U, --password P, --proxy URL,
 // --set NAME=VALUE (any library option by name), -v (library log on
 // standard error at debug level), --insecure and --cert FILE for https.
@@ -18,6 +21,7 @@
 #include "quarry.h"
 #include "tools/cert_cmd.h"
 #include "tools/cli_options.h"
+#include "tools/http_status.h"
 #include "tools/progress.h"
 #include "tools/tls_options.h"
 #include "tools/ring_cmd.h"
@@ -25,6 +29,7 @@
 
 namespace {
 
+constexpr int kExitFailed = 1;
 constexpr int kExitUsage = 2;
 constexpr size_t kRedirectSize = 512;
 constexpr int kReadChunk = 16384;
@@ -34,14 +39,20 @@ int usage(FILE *out = stderr) {
           "usage: quarry get URL [-o FILE] [options]\n"
           "       quarry put FILE URL [--header 'Name: value'] [--put] [--name REMOTE] [options]\n"
           "       quarry put FILE ftp://... [--append | --store] [--limit-mode 1|2] [options]\n"
-          "       quarry version\n"
-          "       quarry error CODE\n"
+          "       quarry ring URL [NAME] [-v]\n"
+          "       quarry resolve NAME [a|aaaa|ptr] [--resolv FILE] [--hosts FILE]\n"
           "       quarry cert ...  (the certificate store; \"quarry cert\" for its usage)\n"
+          "       quarry version   (also --version)\n"
+          "       quarry error CODE\n"
+          "       quarry --help\n"
           "options: --user U  --password P  --proxy URL  --set NAME=VALUE  -v\n"
           "         --insecure  --cert FILE\n"
           "settings for --set: %s\n",
           quarry_cli::option_names().c_str());
   fputs(quarry_cli::tls_help(), out);
+  fputs("exit status: 0 done, 1 the transfer failed, 2 usage error\n"
+        "see also: man quarry\n",
+        out);
   return out == stderr ? kExitUsage : 0;
 }
 
@@ -68,7 +79,10 @@ bool parse_args(int argc, char **argv, Args *args) {
   for (int i = 2; i < argc; ++i) {
     std::string arg = argv[i];
     auto value = [&](std::string *out) {
-      if (i + 1 >= argc) return false;
+      if (i + 1 >= argc) {
+        fprintf(stderr, "quarry: option %s needs a value\n", arg.c_str());
+        return false;
+      }
       *out = argv[++i];
       return true;
     };
@@ -113,12 +127,23 @@ bool parse_args(int argc, char **argv, Args *args) {
   return true;
 }
 
-int report_failure(const dl_error &err) {
+bool is_http_url(const std::string &url) {
+  return url.compare(0, 7, "http://") == 0 || url.compare(0, 8, "https://") == 0;
+}
+
+// A failed HTTP status reads as the server's answer ("HTTP 404 Not Found"),
+// since the library's text for such codes is its generic one.
+int report_failure(const dl_error &err, const std::string &url) {
   int code = err.code != 0 ? err.code : DL_ERR_FAIL;
+  const char *phrase = is_http_url(url) ? quarry_cli::http_reason_phrase(code) : nullptr;
+  if (phrase != nullptr) {
+    fprintf(stderr, "quarry: failed: HTTP %d %s\n", code, phrase);
+    return kExitFailed;
+  }
   char text[256];
   dl_get_error_string(code, text, sizeof(text));
   fprintf(stderr, "quarry: failed: %d %s\n", code, err.msg[0] != '\0' ? err.msg : text);
-  return 1;
+  return kExitFailed;
 }
 
 void set_up_library(const Args &args) {
@@ -157,7 +182,7 @@ int stream_to_stdout(const Args &args, const std::string &url) {
   char redirect[kRedirectSize] = "";
   dl_error err = {};
   dl_handle *h = nullptr;
-  if (dl_open(&req, &h, redirect, &err) != 0) return report_failure(err);
+  if (dl_open(&req, &h, redirect, &err) != 0) return report_failure(err, url);
   quarry_cli::Progress progress(announced_length(h));
   std::vector<char> buf(kReadChunk);
   int result = 0;
@@ -165,12 +190,12 @@ int stream_to_stdout(const Args &args, const std::string &url) {
     int n = dl_read(h, buf.data(), kReadChunk, &err);
     if (n == 0) break;
     if (n < 0) {
-      result = report_failure(err);
+      result = report_failure(err, url);
       break;
     }
     if (fwrite(buf.data(), 1, static_cast<size_t>(n), stdout) != static_cast<size_t>(n)) {
       perror("quarry: write");
-      result = 1;
+      result = kExitFailed;
       break;
     }
     progress.advance(n);
@@ -188,7 +213,7 @@ int run_get(const Args &args) {
   dl_request req = make_request(args, url);
   char redirect[kRedirectSize] = "";
   dl_error err = {};
-  if (dl_download(&req, args.output.c_str(), redirect, &err) != 0) return report_failure(err);
+  if (dl_download(&req, args.output.c_str(), redirect, &err) != 0) return report_failure(err, url);
   if (redirect[0] != '\0') fprintf(stderr, "quarry: redirected to %s\n", redirect);
   fprintf(stderr, "quarry: saved %s\n", args.output.c_str());
   return 0;
@@ -206,9 +231,14 @@ int run_put(const Args &args) {
   const char *remote = args.remote_name.empty() ? nullptr : args.remote_name.c_str();
   if (dl_upload(&req, file.c_str(), remote, redirect, &err, args.headers.c_str(), mode,
                 args.ftp_limit_mode) != 0) {
-    return report_failure(err);
+    return report_failure(err, url);
   }
   fprintf(stderr, "quarry: sent %s\n", file.c_str());
+  return 0;
+}
+
+int print_version() {
+  printf("libquarry %s\n", dl_get_version());
   return 0;
 }
 
@@ -218,15 +248,17 @@ int main(int argc, char **argv) {
   if (argc == 2 && (strcmp(argv[1], "--help") == 0 || strcmp(argv[1], "-h") == 0)) {
     return usage(stdout);
   }
+  if (argc == 2 && strcmp(argv[1], "--version") == 0) return print_version();
+  if (argc >= 2 && argv[1][0] == '-') {
+    fprintf(stderr, "quarry: unknown option %s\n", argv[1]);
+    return usage();
+  }
   if (argc >= 2 && strcmp(argv[1], "ring") == 0) return quarry_cli::run_ring(argc - 2, argv + 2);
   if (argc >= 2 && strcmp(argv[1], "resolve") == 0) return quarry_cli::run_resolve(argc - 2, argv + 2);
   if (argc >= 2 && strcmp(argv[1], "cert") == 0) return quarry_cli::run_cert(argc, argv);
   Args args;
   if (!parse_args(argc, argv, &args)) return usage();
-  if (args.command == "version") {
-    printf("libquarry %s\n", dl_get_version());
-    return 0;
-  }
+  if (args.command == "version") return print_version();
   if (args.command == "error") {
     if (args.positional.size() != 1) return usage();
     char text[256];
@@ -234,7 +266,10 @@ int main(int argc, char **argv) {
     printf("%s\n", text);
     return 0;
   }
-  if (args.command != "get" && args.command != "put") return usage();
+  if (args.command != "get" && args.command != "put") {
+    fprintf(stderr, "quarry: unknown command %s\n", args.command.c_str());
+    return usage();
+  }
 
   set_up_library(args);
   for (const std::string &setting : args.settings) {

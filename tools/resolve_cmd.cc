@@ -71,6 +71,7 @@ bool parse(int argc, char **argv, ResolveArgs *args) {
     } else if (arg == "-v" || arg == "--verbose") {
       args->verbose = true;
     } else if (!arg.empty() && arg[0] == '-') {
+      fprintf(stderr, "quarry: unknown option %s\n", arg.c_str());
       return false;
     } else if (positional == 0) {
       args->name = arg;

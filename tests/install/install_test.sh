@@ -26,6 +26,11 @@ for f in quarryConfig.cmake quarryConfigVersion.cmake quarryTargets.cmake; do
   [ -f "$LIBDIR/cmake/quarry/$f" ] || fail "missing cmake/quarry/$f"
 done
 "$P/bin/quarry" version | grep -q '^libquarry ' || fail "the installed tool does not run"
+[ -f "$P/share/man/man1/quarry.1" ] || fail "missing share/man/man1/quarry.1"
+if command -v man > /dev/null; then
+  MANPATH=$P/share/man MANWIDTH=80 man quarry 2>/dev/null | grep -q 'EXIT STATUS' \
+    || fail "man quarry does not show the installed page"
+fi
 
 cmake --install "$BUILD" --prefix "$P" --component internal > /dev/null
 [ -f "$P/include/quarry_internal.h" ] || fail "component internal lacks quarry_internal.h"

@@ -9,6 +9,7 @@ BUILD_PACKAGES=(
   googletest libgtest-dev libgmock-dev libbenchmark-dev
   python3 openssl util-linux iproute2 valgrind
   clang-14 libclang-rt-14-dev libcurl4-openssl-dev
+  gcc-arm-linux-gnueabihf g++-arm-linux-gnueabihf libc6-dev-armhf-cross qemu-user
 )
 SERVER_PACKAGES=(
   nginx-light apache2 apache2-utils lighttpd vsftpd
