@@ -1,7 +1,9 @@
 #!/usr/bin/env bash
 # Installs what is missing, builds, and runs every test: in a normal build,
-# in an AddressSanitizer + UndefinedBehaviorSanitizer build, and the fuzz
-# targets for a short fixed number of inputs. Prints each stage's time at
+# in an AddressSanitizer + UndefinedBehaviorSanitizer build, the locking
+# tests under ThreadSanitizer, the fuzz targets for a short fixed number of
+# inputs, and the unit and scripted-peer tests cross-built for armhf under
+# qemu-arm. Prints each stage's time at
 # the end.
 set -uo pipefail
 cd "$(dirname "$0")"
@@ -73,4 +75,5 @@ stage "tests (ASan+UBSan)" run_sanitized_tests
 stage "tests" ctest --test-dir build --output-on-failure -j"$JOBS"
 stage "tests (ThreadSanitizer)" run_tsan_tests
 stage "fuzz targets, $FUZZ_RUNS inputs each" fuzz/run.sh --runs "$FUZZ_RUNS"
+stage "armhf build and tests (qemu-arm)" tests/arm/run.sh
 exit $status
