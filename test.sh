@@ -3,8 +3,7 @@
 # in an AddressSanitizer + UndefinedBehaviorSanitizer build, the locking
 # tests under ThreadSanitizer, the fuzz targets for a short fixed number of
 # inputs, and the unit and scripted-peer tests cross-built for armhf under
-# qemu-arm. Prints each stage's time at
-# the end.
+# qemu-arm. Prints each stage's time at the end.
 set -uo pipefail
 cd "$(dirname "$0")"
 
