@@ -242,6 +242,11 @@ TEST_F(Ring, UnparsedUrlDefersToTheName) {
   EXPECT_EQ(-1, ring_);
 }
 
+TEST_F(Ring, EmptyNameCountsAsNoName) {
+  EXPECT_EQ(1, call("Bellcore-dr2", ""));
+  EXPECT_EQ(2, ring_);
+}
+
 TEST_F(Ring, LoopbackHostWithNameSendsNothing) {
   Listener listener;
   ASSERT_TRUE(listener.ok());
@@ -296,6 +301,8 @@ TEST_F(Ring, DownloadFillsTheCacheAndReturnsItsPath) {
   const size_t slash = url.find('/', strlen("http://"));
   EXPECT_EQ(0u, peer.received(0).find("GET " + url.substr(slash) + " HTTP/1.1\r\n"))
       << peer.received(0);
+  // The request carries only the URL: no credentials.
+  EXPECT_EQ(std::string::npos, peer.received(0).find("Authorization")) << peer.received(0);
 }
 
 TEST_F(Ring, SecondCallUsesTheCacheWithoutTraffic) {
