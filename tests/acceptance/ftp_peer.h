@@ -19,6 +19,8 @@
 #include <thread>
 #include <vector>
 
+#include "quarry.h"
+
 namespace acceptance {
 
 class FtpPeer {
@@ -62,6 +64,25 @@ class FtpPeer {
   std::map<std::string, std::deque<std::string>> queued_;
 };
 
+}  // namespace acceptance
+
+namespace acceptance {
+
+// The settings every FTP suite starts from, written under cfg_lock: 1 s
+// time-outs, IPv4, a 10 MiB limit. Fields left 0 keep their value.
+struct FtpSettings {
+  uint16_t timeout_s = 1;
+  uint16_t ipv6 = 0;
+  uint32_t max_file_size = 10 * 1024 * 1024;
+};
+inline void apply_ftp_settings(const FtpSettings &s) {
+  dl_config_init();
+  pthread_mutex_lock(&g_dl_cfg.cfg_lock);
+  g_dl_cfg.timeout_s = s.timeout_s;
+  g_dl_cfg.ipv6_enable = s.ipv6;
+  g_dl_cfg.max_file_size = s.max_file_size;
+  pthread_mutex_unlock(&g_dl_cfg.cfg_lock);
+}
 }  // namespace acceptance
 
 // ---- implementation (header-only: each suite is one file) ----

@@ -31,19 +31,13 @@ constexpr int kLimitStop = 2;
 class FtpSend : public ::testing::Test {
  protected:
   void SetUp() override {
-    dl_config_init();
-    pthread_mutex_lock(&g_dl_cfg.cfg_lock);
-    g_dl_cfg.timeout_s = 1;
-    g_dl_cfg.ipv6_enable = 0;
-    g_dl_cfg.max_file_size = 10 * 1024 * 1024;
-    pthread_mutex_unlock(&g_dl_cfg.cfg_lock);
+    acceptance::apply_ftp_settings(settings_);
     memset(&err_, 0, sizeof(err_));
     local_ = dir_.write("a.cfg", std::string(300, 'L'));
   }
   void set_max(uint32_t max) {
-    pthread_mutex_lock(&g_dl_cfg.cfg_lock);
-    g_dl_cfg.max_file_size = max;
-    pthread_mutex_unlock(&g_dl_cfg.cfg_lock);
+    settings_.max_file_size = max;
+    acceptance::apply_ftp_settings(settings_);
   }
   int send(FtpPeer &peer, const char *remote, int mode, int limit) {
     peer.start();
@@ -57,6 +51,7 @@ class FtpSend : public ::testing::Test {
       if (c == cmd) return true;
     return false;
   }
+  acceptance::FtpSettings settings_;
   TempDir dir_;
   std::string local_;
   dl_error err_;
@@ -308,9 +303,8 @@ TEST_F(FtpSend, VsftpdAnonymousDownloadAndUserRoundTrip) {
 TEST_F(FtpSend, VsftpdWrongPasswordFallsBackToAnonymous) {
   QUARRY_USE_SERVER(vsftpd, "vsftpd");
   // vsftpd answers a failed login only after its own delay of a second.
-  pthread_mutex_lock(&g_dl_cfg.cfg_lock);
-  g_dl_cfg.timeout_s = 5;
-  pthread_mutex_unlock(&g_dl_cfg.cfg_lock);
+  settings_.timeout_s = 5;
+  acceptance::apply_ftp_settings(settings_);
   std::string got = dir_.file("readme.txt");
   EXPECT_EQ(0, dl_ftp_recv_to_file("127.0.0.1", vsftpd.port("ftp"), "ftpuser", "wrong",
                                    "/pub/readme.txt", got.c_str(), &err_))

@@ -2,6 +2,7 @@
 // the client must handle, and vsftpd for a real session.
 #include <gtest/gtest.h>
 #include <string.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <string>
@@ -28,23 +29,16 @@ constexpr int kInfo = 6;
 class Ftp : public ::testing::Test {
  protected:
   void SetUp() override {
-    dl_config_init();
-    pthread_mutex_lock(&g_dl_cfg.cfg_lock);
-    g_dl_cfg.timeout_s = 1;
-    g_dl_cfg.ipv6_enable = 0;
-    g_dl_cfg.max_file_size = 10 * 1024 * 1024;
-    pthread_mutex_unlock(&g_dl_cfg.cfg_lock);
+    acceptance::apply_ftp_settings(settings_);
     memset(&err_, 0, sizeof(err_));
   }
   void set_ipv6(int on) {
-    pthread_mutex_lock(&g_dl_cfg.cfg_lock);
-    g_dl_cfg.ipv6_enable = static_cast<uint16_t>(on);
-    pthread_mutex_unlock(&g_dl_cfg.cfg_lock);
+    settings_.ipv6 = static_cast<uint16_t>(on);
+    acceptance::apply_ftp_settings(settings_);
   }
   void set_max(uint32_t max) {
-    pthread_mutex_lock(&g_dl_cfg.cfg_lock);
-    g_dl_cfg.max_file_size = max;
-    pthread_mutex_unlock(&g_dl_cfg.cfg_lock);
+    settings_.max_file_size = max;
+    acceptance::apply_ftp_settings(settings_);
   }
   // Opens a download of /file.bin from |peer|, reads it whole and closes.
   int download(FtpPeer &peer, const char *user, const char *pass, std::string *got) {
@@ -61,6 +55,7 @@ class Ftp : public ::testing::Test {
     peer.finish();
     return rc;
   }
+  acceptance::FtpSettings settings_;
   dl_error err_;
 };
 
@@ -359,6 +354,37 @@ TEST_F(Ftp, RecvToFileIntoAMissingDirectoryFails) {
   peer.finish();
   EXPECT_EQ(0, err_.code);
   EXPECT_TRUE(cap.has(kFtp, kError, "Open file for recv fail!\n")) << cap.text();
+}
+
+}  // namespace
+
+namespace {
+
+// A data connection closed before the announced size arrived must not keep
+// the caller's thread forever: the read ends with a failure. Run in a child
+// so that a hang fails the test instead of stalling the suite.
+TEST_F(Ftp, DataClosedBeforeTheAnnouncedSizeEndsTheRead) {
+  FtpPeer peer;
+  peer.queue("SIZE", "213 100\r\n");
+  peer.retr_data = "only ten b";
+  peer.start();
+  dl_ftp_conn *conn = nullptr;
+  ASSERT_EQ(0, dl_ftp_open(&conn, "127.0.0.1", peer.port(), "u", "p", "/f", &err_));
+  pid_t child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    alarm(5);
+    char buf[100];
+    dl_error e{};
+    int n = dl_ftp_read(conn, buf, sizeof(buf), &e);
+    _exit(n == -1 && e.code == DL_ERR_READ ? 0 : 1);
+  }
+  int status = 0;
+  ASSERT_EQ(child, waitpid(child, &status, 0));
+  dl_ftp_close(conn);
+  peer.finish();
+  ASSERT_TRUE(WIFEXITED(status)) << "killed by signal " << WTERMSIG(status);
+  EXPECT_EQ(0, WEXITSTATUS(status));
 }
 
 }  // namespace
