@@ -176,6 +176,31 @@ TEST_F(FtpSend, SendRejectsANullHandle) {
   EXPECT_TRUE(cap.has(kFtp, kError, "ftp read with invalid parameter\n")) << cap.text();
 }
 
+TEST_F(FtpSend, SendOfAMissingFileOnAnOpenHandleFails) {
+  FtpPeer peer;
+  peer.queue("SIZE", "213 0\r\n");
+  peer.start();
+  dl_ftp_conn *conn = nullptr;
+  ASSERT_EQ(0, dl_ftp_send_open(&conn, "127.0.0.1", peer.port(), "u", "p", local_.c_str(), "a.cfg",
+                                kStore, kLimitStore, &err_));
+  LogCapture cap;
+  EXPECT_EQ(-1, dl_ftp_send(conn, dir_.file("gone.cfg").c_str(), &err_));
+  EXPECT_EQ(DL_ERR_PARAM, err_.code);
+  EXPECT_TRUE(cap.has(kFtp, kError, "Open file for send fail\n")) << cap.text();
+  dl_ftp_close(conn);
+  peer.finish();
+}
+
+TEST_F(FtpSend, SendOpenRejectsANullLocalPath) {
+  LogCapture cap;
+  dl_ftp_conn *conn = nullptr;
+  EXPECT_EQ(-1, dl_ftp_send_open(&conn, "127.0.0.1", 21, "u", "p", nullptr, "a.cfg", kStore,
+                                 kLimitStore, &err_));
+  EXPECT_EQ(DL_ERR_PARAM, err_.code);
+  EXPECT_EQ(nullptr, conn);
+  EXPECT_TRUE(cap.has(kFtp, kError, "Invalid Parameter\n")) << cap.text();
+}
+
 // ---- front door ----
 
 class FtpFrontDoor : public FtpSend {
@@ -273,6 +298,15 @@ TEST_F(FtpFrontDoor, OpenReadCloseStreamsAnFtpFile) {
   dl_close(h);
   peer.finish();
   EXPECT_FALSE(cap.mentions("FTP Login Info")) << cap.text();
+}
+
+TEST_F(FtpFrontDoor, ReadOfLengthZeroIsInvalid) {
+  LogCapture cap;
+  dl_handle h{};
+  h.scheme = DL_SCHEME_FTP;
+  char buf[4];
+  EXPECT_EQ(-1, dl_read(&h, buf, 0, &err_));
+  EXPECT_TRUE(cap.has(kCommon, kError, "Invalid Param!\n")) << cap.text();
 }
 
 // ---- vsftpd ----
