@@ -257,6 +257,14 @@ TEST_F(Store, ExtendedInfoOfAClientFileNamesItsKey) {
   EXPECT_EQ(2048, info.privkey_bits);
 }
 
+TEST_F(Store, ExtendedInfoOfAClientFileWithoutKeyLeavesTheKeyFieldsEmpty) {
+  dl_ca_info_ex info;
+  dl_cert_result result;
+  ASSERT_EQ(0, dl_get_ca_info_ex(Pki::get().file("leaf.pem").c_str(), &info, 1, &result));
+  EXPECT_STREQ("", info.privkey_alg);
+  EXPECT_EQ(0, info.privkey_bits);
+}
+
 TEST_F(Store, ExtendedInfoRewritesDerAsPem) {
   std::string src = copy("leaf.der");
   dl_ca_info_ex info;

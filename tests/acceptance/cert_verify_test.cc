@@ -39,6 +39,15 @@ class Verify : public ::testing::Test {
     stdout_ = out.take();
     return rc;
   }
+  // Runs the verification with the hashed directory |dir| and, as CA file,
+  // a CA that did not sign anything, so only the directory can vouch.
+  int verify_in_dir(const std::string &cert, const std::string &dir) {
+    memset(&result_, 'x', sizeof(result_));
+    acceptance::StdoutCapture out;
+    int rc = dl_cert_verify(cert.c_str(), dir.c_str(), pki("other.pem").c_str(), 0, &result_);
+    out.take();
+    return rc;
+  }
   void set_method(uint32_t method) { ASSERT_EQ(0, dl_set_option(DL_OPT_SSL_METHOD, &method)); }
 
   cert_pki::Settings set_;
@@ -59,12 +68,14 @@ TEST_F(Verify, ADerCertificateVerifiesAgainstAHashedDirectory) {
   std::string dir = set_.dir().path() + "/hashed";
   ASSERT_EQ(0, mkdir(dir.c_str(), 0755));
   set_.dir().write("hashed/" + hex8(Pki::hash_of(pki("ca.pem"))) + ".0", read_file(pki("ca.pem")));
-  memset(&result_, 'x', sizeof(result_));
-  acceptance::StdoutCapture out;
-  int rc = dl_cert_verify(pki("leaf.der").c_str(), dir.c_str(), pki("other.pem").c_str(), 0,
-                          &result_);
-  out.take();
-  EXPECT_EQ(0, rc) << log_.text();
+  EXPECT_EQ(0, verify_in_dir(pki("leaf.der"), dir)) << log_.text();
+  EXPECT_EQ(0, result_.status);
+}
+
+TEST_F(Verify, AnInstalledCaVerifiesThroughTheAllCaDirectory) {
+  std::string ca = set_.dir().write("ca.pem", read_file(pki("ca.pem")));
+  ASSERT_EQ(0, dl_install_ca(ca.c_str()));
+  EXPECT_EQ(0, verify_in_dir(pki("leaf.pem"), set_.trust() + "ca/")) << log_.text();
   EXPECT_EQ(0, result_.status);
 }
 
