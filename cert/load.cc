@@ -14,6 +14,7 @@
 
 #include "cert/cert.h"
 #include "core/core.h"
+#include "net/net.h"
 #include "util/util.h"
 
 namespace quarry {
@@ -23,24 +24,10 @@ namespace {
 
 constexpr size_t kLineRoom = 1024;
 constexpr char kTempPem[] = "/tmp/ca_tmp.crt";
+constexpr int kTempCreateAttempts = 3;
 constexpr size_t kCopyBlock = 4096;
 constexpr mode_t kTempMode = 0600;
 constexpr mode_t kFileMode = 0666;
-
-// Owns a descriptor without heap use.
-class UniqueFd {
- public:
-  explicit UniqueFd(int fd) : fd_(fd) {}
-  ~UniqueFd() {
-    if (fd_ >= 0) close(fd_);
-  }
-  UniqueFd(const UniqueFd &) = delete;
-  UniqueFd &operator=(const UniqueFd &) = delete;
-  int get() const { return fd_; }
-
- private:
-  int fd_;
-};
 
 bool write_all(int fd, const unsigned char *data, size_t len) {
   while (len > 0) {
@@ -74,8 +61,14 @@ bool copy_fd_to_path(int from, const char *to) {
 // using the same name cannot swap its content in.
 bool rewrite_as_pem(const char *path, X509 *x) {
   libq_log(kModCommon, kLogInfo, "convert to PEM code\n");
-  unlink(kTempPem);
-  UniqueFd tmp(open(kTempPem, O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, kTempMode));
+  UniqueFd tmp;
+  // Another process converting at the same moment may create the name
+  // between our unlink and open; the name is fixed, so take it again.
+  for (int attempt = 0; attempt < kTempCreateAttempts && tmp.get() < 0; ++attempt) {
+    unlink(kTempPem);
+    tmp.reset(open(kTempPem, O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, kTempMode));
+    if (tmp.get() < 0 && errno != EEXIST) break;
+  }
   BioPtr out(tmp.get() >= 0 ? BIO_new_fd(tmp.get(), BIO_NOCLOSE) : nullptr);
   if (!out || PEM_write_bio_X509(out.get(), x) != 1 || BIO_flush(out.get()) != 1) {
     libq_log(kModCommon, kLogError, "open file err\n");
