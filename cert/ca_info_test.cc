@@ -11,15 +11,15 @@
 
 namespace {
 
-using cert_test::CertSpec;
+using cert_test::CertRecipe;
 using cert_test::quote;
 using cert_test::run;
 using cert_test::trim;
 
 class CaInfo : public cert_test::CertTest {
  protected:
-  std::string make(const std::string &name, const CertSpec &spec, bool der = false) {
-    return cert_test::write_self_signed(file(name), spec, der);
+  std::string make(const std::string &name, const CertRecipe &recipe, bool der = false) {
+    return cert_test::write_self_signed(file(name), recipe, der);
   }
   // The value openssl prints for |option| ("-enddate" gives
   // "notAfter=..."), after the '='.
@@ -35,8 +35,8 @@ class CaInfo : public cert_test::CertTest {
     size_t end = text.find('\n', at);
     return trim(text.substr(at + label.size(), end - at - label.size()));
   }
-  std::string serial_of(const CertSpec &spec) {
-    std::string path = make("serial.pem", spec);
+  std::string serial_of(const CertRecipe &recipe) {
+    std::string path = make("serial.pem", recipe);
     dl_ca_info_ex info;
     dl_cert_result result;
     EXPECT_EQ(dl_get_ca_info_ex(path.c_str(), &info, 0, &result), 0);
@@ -45,9 +45,9 @@ class CaInfo : public cert_test::CertTest {
 };
 
 TEST_F(CaInfo, BasicRecordMatchesOpenssl) {
-  CertSpec spec;
-  spec.subject = "/C=DE/O=Quarry Org/OU=Unit/CN=Info CA";
-  std::string path = make("info.pem", spec);
+  CertRecipe recipe;
+  recipe.subject = "/C=DE/O=Quarry Org/OU=Unit/CN=Info CA";
+  std::string path = make("info.pem", recipe);
   dl_ca_info info;
   memset(&info, 'z', sizeof info);
   strcpy(info.path, "kept");
@@ -61,9 +61,9 @@ TEST_F(CaInfo, BasicRecordMatchesOpenssl) {
 }
 
 TEST_F(CaInfo, BasicRecordOfDerFileLeavesFileAsIs) {
-  CertSpec spec;
-  spec.subject = "/CN=Der Info";
-  std::string path = make("info.der", spec, true);
+  CertRecipe recipe;
+  recipe.subject = "/CN=Der Info";
+  std::string path = make("info.der", recipe, true);
   std::string before = quarry_test::read_file(path);
   dl_ca_info info;
   ASSERT_EQ(dl_get_ca_info(path.c_str(), &info), 0);
@@ -73,9 +73,9 @@ TEST_F(CaInfo, BasicRecordOfDerFileLeavesFileAsIs) {
 }
 
 TEST_F(CaInfo, FieldsAreCutToTheirRoomAndTerminated) {
-  CertSpec spec;
-  spec.subject = "/CN=" + std::string(64, 'c') + "/O=" + std::string(64, 'o');
-  std::string path = make("long.pem", spec);
+  CertRecipe recipe;
+  recipe.subject = "/CN=" + std::string(64, 'c') + "/O=" + std::string(64, 'o');
+  std::string path = make("long.pem", recipe);
   dl_ca_info info;
   ASSERT_EQ(dl_get_ca_info(path.c_str(), &info), 0);
   EXPECT_EQ(std::string(info.cn), std::string(63, 'c'));
@@ -100,11 +100,11 @@ TEST_F(CaInfo, BasicRecordFailures) {
 }
 
 TEST_F(CaInfo, ExtendedRecordMatchesOpenssl) {
-  CertSpec spec;
-  spec.subject = "/O=Subject Org/OU=Subject Unit/CN=Ext CA";
-  spec.ca = true;
-  spec.extra_extensions = 1;
-  std::string path = make("ext.pem", spec);
+  CertRecipe recipe;
+  recipe.subject = "/O=Subject Org/OU=Subject Unit/CN=Ext CA";
+  recipe.ca = true;
+  recipe.extra_extensions = 1;
+  std::string path = make("ext.pem", recipe);
   dl_ca_info_ex info;
   dl_cert_result result;
   memset(&result, 'r', sizeof result);
@@ -129,10 +129,10 @@ TEST_F(CaInfo, ExtendedRecordMatchesOpenssl) {
 }
 
 TEST_F(CaInfo, VersionOneCertificateHasNoExtensions) {
-  CertSpec spec;
-  spec.subject = "/CN=v1";
+  CertRecipe recipe;
+  recipe.subject = "/CN=v1";
   cert_test::Key key = cert_test::ec_key();
-  cert_test::Cert x = cert_test::make_cert(spec, key.get());
+  cert_test::Cert x = cert_test::make_cert(recipe, key.get());
   X509_set_version(x.get(), 0);
   X509_sign(x.get(), key.get(), EVP_sha256());
   cert_test::write_pem(file("v1.pem"), x.get());
@@ -144,14 +144,14 @@ TEST_F(CaInfo, VersionOneCertificateHasNoExtensions) {
 }
 
 TEST_F(CaInfo, ShortNamePrefersCommonNameThenUnitThenOrganisation) {
-  CertSpec issuer_spec;
+  CertRecipe issuer_spec;
   issuer_spec.subject = "/O=Only Org/OU=The Unit";
   cert_test::Key issuer_key = cert_test::ec_key();
   cert_test::Cert issuer = cert_test::make_cert(issuer_spec, issuer_key.get());
-  CertSpec spec;
-  spec.subject = "/C=DE/O=Leaf Org";
+  CertRecipe recipe;
+  recipe.subject = "/C=DE/O=Leaf Org";
   cert_test::Key key = cert_test::ec_key();
-  cert_test::Cert x = cert_test::make_cert(spec, key.get(), issuer.get(), issuer_key.get());
+  cert_test::Cert x = cert_test::make_cert(recipe, key.get(), issuer.get(), issuer_key.get());
   cert_test::write_pem(file("leaf.pem"), x.get());
   dl_ca_info_ex info;
   dl_cert_result result;
@@ -161,45 +161,45 @@ TEST_F(CaInfo, ShortNamePrefersCommonNameThenUnitThenOrganisation) {
 }
 
 TEST_F(CaInfo, FourByteSerialInDecimalAndHexLikeOpenssl) {
-  CertSpec spec;
-  spec.serial = {0x7f, 0xff, 0xff, 0xfe};
-  std::string path = make("serial4.pem", spec);
-  EXPECT_EQ(serial_of(spec), "2147483646 (0x7ffffffe)");
-  EXPECT_EQ(serial_of(spec), text_field(file("serial.pem"), "Serial Number:"));
+  CertRecipe recipe;
+  recipe.serial = {0x7f, 0xff, 0xff, 0xfe};
+  std::string path = make("serial4.pem", recipe);
+  EXPECT_EQ(serial_of(recipe), "2147483646 (0x7ffffffe)");
+  EXPECT_EQ(serial_of(recipe), text_field(file("serial.pem"), "Serial Number:"));
 }
 
 TEST_F(CaInfo, FiveByteSerialAsHexBytesWithTrailingBlank) {
-  CertSpec spec;
-  spec.serial = {0x01, 0x02, 0x03, 0xab, 0xcd};
-  EXPECT_EQ(serial_of(spec), "01:02:03:ab:cd ");
+  CertRecipe recipe;
+  recipe.serial = {0x01, 0x02, 0x03, 0xab, 0xcd};
+  EXPECT_EQ(serial_of(recipe), "01:02:03:ab:cd ");
   EXPECT_EQ(trim(run("openssl x509 -noout -serial -in " + quote(file("serial.pem")))),
             "serial=010203ABCD");
 }
 
 TEST_F(CaInfo, NegativeSerialsCarryTheirSign) {
-  CertSpec spec;
-  spec.serial = {0x01, 0x00};
-  spec.negative_serial = true;
-  EXPECT_EQ(serial_of(spec), "-256 (-0x100)");
-  EXPECT_EQ(serial_of(spec), text_field(file("serial.pem"), "Serial Number:"));
-  spec.serial = {0x01, 0x02, 0x03, 0x04, 0x05};
-  EXPECT_EQ(serial_of(spec), "(Negative)01:02:03:04:05 ");
+  CertRecipe recipe;
+  recipe.serial = {0x01, 0x00};
+  recipe.negative_serial = true;
+  EXPECT_EQ(serial_of(recipe), "-256 (-0x100)");
+  EXPECT_EQ(serial_of(recipe), text_field(file("serial.pem"), "Serial Number:"));
+  recipe.serial = {0x01, 0x02, 0x03, 0x04, 0x05};
+  EXPECT_EQ(serial_of(recipe), "(Negative)01:02:03:04:05 ");
 }
 
 TEST_F(CaInfo, LongSerialIsCutToTheField) {
-  CertSpec spec;
-  spec.serial = std::vector<unsigned char>(20, 0x11);
-  spec.negative_serial = true;
-  std::string text = serial_of(spec);
+  CertRecipe recipe;
+  recipe.serial = std::vector<unsigned char>(20, 0x11);
+  recipe.negative_serial = true;
+  std::string text = serial_of(recipe);
   EXPECT_EQ(text.size(), 63u);
   EXPECT_EQ(text.substr(0, 13), "(Negative)11:");
 }
 
 TEST_F(CaInfo, UtcYear49Is2049AndYear50Is1950) {
-  CertSpec spec;
-  spec.not_before = "500101000000Z";
-  spec.not_after = "491231235959Z";
-  std::string path = make("utc.pem", spec);
+  CertRecipe recipe;
+  recipe.not_before = "500101000000Z";
+  recipe.not_after = "491231235959Z";
+  std::string path = make("utc.pem", recipe);
   dl_ca_info_ex info;
   dl_cert_result result;
   ASSERT_EQ(dl_get_ca_info_ex(path.c_str(), &info, 0, &result), 0);
@@ -210,9 +210,9 @@ TEST_F(CaInfo, UtcYear49Is2049AndYear50Is1950) {
 }
 
 TEST_F(CaInfo, GeneralizedTimeAfter2049) {
-  CertSpec spec;
-  spec.not_after = "20600229120000Z";
-  std::string path = make("gen.pem", spec);
+  CertRecipe recipe;
+  recipe.not_after = "20600229120000Z";
+  std::string path = make("gen.pem", recipe);
   dl_ca_info info;
   ASSERT_EQ(dl_get_ca_info(path.c_str(), &info), 0);
   EXPECT_STREQ(info.expiry, "Feb 29 12:00:00 2060 GMT");
@@ -220,8 +220,8 @@ TEST_F(CaInfo, GeneralizedTimeAfter2049) {
 }
 
 TEST_F(CaInfo, ExtendedRecordRewritesDerAsPem) {
-  CertSpec spec;
-  std::string path = make("ext.der", spec, true);
+  CertRecipe recipe;
+  std::string path = make("ext.der", recipe, true);
   dl_ca_info_ex info;
   dl_cert_result result;
   ASSERT_EQ(dl_get_ca_info_ex(path.c_str(), &info, 0, &result), 0);
@@ -230,10 +230,10 @@ TEST_F(CaInfo, ExtendedRecordRewritesDerAsPem) {
 }
 
 TEST_F(CaInfo, ClientFlagReadsKeyAfterCertificate) {
-  CertSpec spec;
-  spec.subject = "/CN=client";
+  CertRecipe recipe;
+  recipe.subject = "/CN=client";
   cert_test::Key key = cert_test::rsa_key(1024);
-  cert_test::Cert x = cert_test::make_cert(spec, key.get());
+  cert_test::Cert x = cert_test::make_cert(recipe, key.get());
   cert_test::write_pem(file("client.pem"), x.get());
   cert_test::write_key(file("client.pem"), key.get(), nullptr, true);
   dl_ca_info_ex info;
@@ -247,9 +247,9 @@ TEST_F(CaInfo, ClientFlagReadsKeyAfterCertificate) {
 }
 
 TEST_F(CaInfo, ClientFlagDecryptsKeyWithKeyPassword) {
-  CertSpec spec;
+  CertRecipe recipe;
   cert_test::Key key = cert_test::ec_key();
-  cert_test::Cert x = cert_test::make_cert(spec, key.get());
+  cert_test::Cert x = cert_test::make_cert(recipe, key.get());
   cert_test::write_pem(file("client.pem"), x.get());
   cert_test::write_key(file("client.pem"), key.get(), "phone pass", true);
   dl_ca_info_ex info;
@@ -289,8 +289,8 @@ namespace {
 
 // Root reads every file, so the unreadable case runs as nobody.
 TEST_F(CaInfo, FileWithoutReadPermissionIsUnreadable) {
-  CertSpec spec;
-  std::string path = make("locked.pem", spec);
+  CertRecipe recipe;
+  std::string path = make("locked.pem", recipe);
   ASSERT_EQ(chmod(dir_.path().c_str(), 0755), 0);
   ASSERT_EQ(chmod(path.c_str(), 0), 0);
   std::string outcome = quarry_test::run_in_child([&] {

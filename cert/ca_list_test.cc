@@ -11,7 +11,7 @@
 
 namespace {
 
-using cert_test::CertSpec;
+using cert_test::CertRecipe;
 using quarry_test::file_exists;
 
 class CaList : public cert_test::CertTest {
@@ -24,10 +24,10 @@ class CaList : public cert_test::CertTest {
   std::set<std::string> install(int count) {
     std::set<std::string> names;
     for (int i = 0; i < count; ++i) {
-      CertSpec spec;
-      spec.subject = "/CN=CA " + std::to_string(i) + "/O=Org " + std::to_string(i);
+      CertRecipe recipe;
+      recipe.subject = "/CN=CA " + std::to_string(i) + "/O=Org " + std::to_string(i);
       cert_test::Key key = cert_test::ec_key();
-      cert_test::Cert x = cert_test::make_cert(spec, key.get());
+      cert_test::Cert x = cert_test::make_cert(recipe, key.get());
       std::string path = file("ca" + std::to_string(i) + ".pem");
       cert_test::write_pem(path, x.get());
       EXPECT_EQ(dl_install_ca(path.c_str()), 0) << log_->text();

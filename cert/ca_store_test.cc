@@ -10,7 +10,7 @@
 
 namespace {
 
-using cert_test::CertSpec;
+using cert_test::CertRecipe;
 using cert_test::quote;
 using cert_test::run;
 using quarry_test::file_exists;
@@ -20,10 +20,10 @@ class CaStore : public cert_test::CertTest {
  protected:
   // A self-signed CA certificate written to |name| (PEM or DER).
   std::string make_ca(const std::string &name, const std::string &subject, bool der = false) {
-    CertSpec spec;
-    spec.subject = subject;
-    spec.ca = true;
-    return cert_test::write_self_signed(file(name), spec, der);
+    CertRecipe recipe;
+    recipe.subject = subject;
+    recipe.ca = true;
+    return cert_test::write_self_signed(file(name), recipe, der);
   }
   std::string fingerprint(const std::string &path, const std::string &form = "PEM") {
     return run("openssl x509 -noout -fingerprint -sha256 -inform " + form + " -in " + quote(path) +
@@ -47,13 +47,13 @@ TEST_F(CaStore, InstallStoresHashFileWithBothLinks) {
 }
 
 TEST_F(CaStore, InstalledCertificateIsFoundByOpensslDirectoryLookup) {
-  CertSpec ca_spec;
+  CertRecipe ca_spec;
   ca_spec.subject = "/CN=Lookup CA";
   ca_spec.ca = true;
   cert_test::Key ca_key = cert_test::ec_key();
   cert_test::Cert ca = cert_test::make_cert(ca_spec, ca_key.get());
   cert_test::write_pem(file("ca.pem"), ca.get());
-  CertSpec leaf_spec;
+  CertRecipe leaf_spec;
   leaf_spec.subject = "/CN=leaf";
   cert_test::Key leaf_key = cert_test::ec_key();
   cert_test::Cert leaf = cert_test::make_cert(leaf_spec, leaf_key.get(), ca.get(), ca_key.get());
@@ -254,10 +254,10 @@ TEST_F(CaStore, LongPathsWorkAndWriteNowhereElse) {
   ASSERT_EQ(dl_path_is_directory(long_dir.c_str()), 1);
   std::string ca_path = long_dir + "/" + std::string(600 - long_dir.size() - 5, 'c') + ".pem";
   ASSERT_EQ(ca_path.size(), 600u);
-  CertSpec spec;
-  spec.subject = "/CN=Long Path CA";
+  CertRecipe recipe;
+  recipe.subject = "/CN=Long Path CA";
   cert_test::Key key = cert_test::ec_key();
-  cert_test::Cert x = cert_test::make_cert(spec, key.get());
+  cert_test::Cert x = cert_test::make_cert(recipe, key.get());
   cert_test::write_pem(ca_path, x.get());
   // A trust directory near the setting's 511 characters.
   ASSERT_EQ(mkdir((dir_.path() + "/trustbase").c_str(), 0755), 0);

@@ -51,34 +51,34 @@ Key ec_key() { return Key(EVP_EC_gen("P-256")); }
 
 Key rsa_key(int bits) { return Key(EVP_RSA_gen(static_cast<unsigned>(bits))); }
 
-Cert make_cert(const CertSpec &spec, EVP_PKEY *key, X509 *issuer, EVP_PKEY *issuer_key) {
+Cert make_cert(const CertRecipe &recipe, EVP_PKEY *key, X509 *issuer, EVP_PKEY *issuer_key) {
   Cert x(X509_new());
   X509_set_version(x.get(), 2);
   ASN1_INTEGER *serial = X509_get_serialNumber(x.get());
-  ASN1_STRING_set(serial, spec.serial.data(), static_cast<int>(spec.serial.size()));
-  if (spec.negative_serial) serial->type = V_ASN1_NEG_INTEGER;
-  X509_NAME *name = parse_simple_name(spec.subject);
+  ASN1_STRING_set(serial, recipe.serial.data(), static_cast<int>(recipe.serial.size()));
+  if (recipe.negative_serial) serial->type = V_ASN1_NEG_INTEGER;
+  X509_NAME *name = parse_simple_name(recipe.subject);
   X509_set_subject_name(x.get(), name);
   X509_set_issuer_name(x.get(), issuer != nullptr ? X509_get_subject_name(issuer) : name);
   X509_NAME_free(name);
-  ASN1_TIME_set_string(X509_getm_notBefore(x.get()), spec.not_before.c_str());
-  ASN1_TIME_set_string(X509_getm_notAfter(x.get()), spec.not_after.c_str());
+  ASN1_TIME_set_string(X509_getm_notBefore(x.get()), recipe.not_before.c_str());
+  ASN1_TIME_set_string(X509_getm_notAfter(x.get()), recipe.not_after.c_str());
   X509_set_pubkey(x.get(), key);
   X509 *signer = issuer != nullptr ? issuer : x.get();
-  if (spec.ca) {
+  if (recipe.ca) {
     add_ext(x.get(), signer, NID_basic_constraints, "critical,CA:TRUE");
     add_ext(x.get(), signer, NID_key_usage, "critical,keyCertSign,cRLSign");
   }
-  for (int i = 0; i < spec.extra_extensions; ++i) {
+  for (int i = 0; i < recipe.extra_extensions; ++i) {
     add_ext(x.get(), signer, NID_netscape_comment, ("comment " + std::to_string(i)).c_str());
   }
-  X509_sign(x.get(), issuer_key != nullptr ? issuer_key : key, spec.md);
+  X509_sign(x.get(), issuer_key != nullptr ? issuer_key : key, recipe.md);
   return x;
 }
 
-std::string write_self_signed(const std::string &path, const CertSpec &spec, bool der) {
+std::string write_self_signed(const std::string &path, const CertRecipe &recipe, bool der) {
   Key key = ec_key();
-  Cert x = make_cert(spec, key.get());
+  Cert x = make_cert(recipe, key.get());
   if (der) {
     write_der(path, x.get());
   } else {

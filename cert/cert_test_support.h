@@ -28,7 +28,7 @@ using Cert = std::unique_ptr<X509, X509Free>;
 Key ec_key();
 Key rsa_key(int bits);
 
-struct CertSpec {
+struct CertRecipe {
   std::string subject = "/CN=Test Cert/O=Test Org";
   std::vector<unsigned char> serial = {0x01};
   bool negative_serial = false;
@@ -42,12 +42,12 @@ struct CertSpec {
 
 // A certificate for |key| issued by |issuer| with |issuer_key| (both null:
 // self-signed).
-Cert make_cert(const CertSpec &spec, EVP_PKEY *key, X509 *issuer = nullptr,
+Cert make_cert(const CertRecipe &recipe, EVP_PKEY *key, X509 *issuer = nullptr,
                EVP_PKEY *issuer_key = nullptr);
 
-// A self-signed certificate of |spec| with a new EC key, written to |path|
+// A self-signed certificate of |recipe| with a new EC key, written to |path|
 // (DER when |der|); returns |path|.
-std::string write_self_signed(const std::string &path, const CertSpec &spec, bool der = false);
+std::string write_self_signed(const std::string &path, const CertRecipe &recipe, bool der = false);
 
 void write_pem(const std::string &path, X509 *x, bool append = false);
 void write_der(const std::string &path, X509 *x);

@@ -11,7 +11,7 @@
 
 namespace {
 
-using cert_test::CertSpec;
+using cert_test::CertRecipe;
 using cert_test::quote;
 using cert_test::run;
 using cert_test::trim;
@@ -23,9 +23,9 @@ class DeviceCert : public cert_test::CertTest {
   void SetUp() override {
     CertTest::SetUp();
     key_ = cert_test::ec_key();
-    CertSpec spec;
-    spec.subject = "/CN=phone.local/O=Phone Maker";
-    cert_ = cert_test::make_cert(spec, key_.get());
+    CertRecipe recipe;
+    recipe.subject = "/CN=phone.local/O=Phone Maker";
+    cert_ = cert_test::make_cert(recipe, key_.get());
   }
   // Certificate and key in one PEM file.
   std::string pair(const std::string &name, const char *password = nullptr) {
@@ -155,9 +155,9 @@ TEST_F(DeviceCert, UncreatableRootOrServerDirectory) {
 TEST_F(DeviceCert, SeparateDerCertificateJoinsKeyAlreadyInstalled) {
   std::string path = pair("pair.pem");
   ASSERT_EQ(dl_install_ser_ca(path.c_str()), 0);
-  CertSpec spec;
-  spec.subject = "/CN=renewed";
-  cert_test::Cert renewed = cert_test::make_cert(spec, key_.get());
+  CertRecipe recipe;
+  recipe.subject = "/CN=renewed";
+  cert_test::Cert renewed = cert_test::make_cert(recipe, key_.get());
   cert_test::write_der(file("renewed.der"), renewed.get());
   ASSERT_EQ(dl_install_ser_ca_separate(file("renewed.der").c_str()), 0) << log_->text();
   std::string stored = read_file(device());
@@ -277,15 +277,15 @@ namespace {
 TEST_F(DeviceCert, PairBelowTheSystemSecurityLevelIsAccepted) {
   set_method(3);  // the negotiating context keeps the system's level
   cert_test::Key ca_key = cert_test::rsa_key(2048);
-  CertSpec ca_spec;
+  CertRecipe ca_spec;
   ca_spec.subject = "/CN=Weak CA";
   ca_spec.ca = true;
   cert_test::Cert ca = cert_test::make_cert(ca_spec, ca_key.get());
   cert_test::Key key = cert_test::rsa_key(1024);
-  CertSpec spec;
-  spec.subject = "/CN=weak";
-  spec.md = EVP_md5();
-  cert_test::Cert x = cert_test::make_cert(spec, key.get(), ca.get(), ca_key.get());
+  CertRecipe recipe;
+  recipe.subject = "/CN=weak";
+  recipe.md = EVP_md5();
+  cert_test::Cert x = cert_test::make_cert(recipe, key.get(), ca.get(), ca_key.get());
   cert_test::write_pem(file("weak.pem"), x.get());
   cert_test::write_key(file("weak.pem"), key.get(), nullptr, true);
   SSL_CTX *system_level = SSL_CTX_new(TLS_method());

@@ -13,7 +13,7 @@
 
 namespace {
 
-using cert_test::CertSpec;
+using cert_test::CertRecipe;
 using cert_test::quote;
 using cert_test::run;
 using cert_test::trim;
@@ -47,10 +47,10 @@ class Generate : public cert_test::CertTest {
     static EVP_PKEY *shared_key = cert_test::rsa_key(2048).release();
     EVP_PKEY_up_ref(shared_key);
     ca_key_.reset(shared_key);
-    CertSpec spec;
-    spec.subject = "/CN=Client Issuing CA/O=Quarry";
-    spec.ca = true;
-    ca_ = cert_test::make_cert(spec, ca_key_.get());
+    CertRecipe recipe;
+    recipe.subject = "/CN=Client Issuing CA/O=Quarry";
+    recipe.ca = true;
+    ca_ = cert_test::make_cert(recipe, ca_key_.get());
     cert_test::write_pem(file("ca.pem"), ca_.get());
     cert_test::write_key(file("ca.key"), ca_key_.get());
   }

@@ -11,7 +11,7 @@
 
 namespace {
 
-using cert_test::CertSpec;
+using cert_test::CertRecipe;
 using cert_test::quote;
 using cert_test::run;
 
@@ -20,17 +20,17 @@ class Verify : public cert_test::CertTest {
   void SetUp() override {
     CertTest::SetUp();
     ca_key_ = cert_test::ec_key();
-    CertSpec spec;
-    spec.subject = "/CN=Verify CA";
-    spec.ca = true;
-    ca_ = cert_test::make_cert(spec, ca_key_.get());
+    CertRecipe recipe;
+    recipe.subject = "/CN=Verify CA";
+    recipe.ca = true;
+    ca_ = cert_test::make_cert(recipe, ca_key_.get());
     cert_test::write_pem(file("ca.pem"), ca_.get());
     ASSERT_EQ(dl_install_ca(file("ca.pem").c_str()), 0);
     ca_dir_ = trust() + "ca/";
   }
-  std::string leaf(const std::string &name, CertSpec spec, EVP_PKEY *signer = nullptr) {
+  std::string leaf(const std::string &name, CertRecipe recipe, EVP_PKEY *signer = nullptr) {
     cert_test::Key key = cert_test::ec_key();
-    cert_test::Cert x = cert_test::make_cert(spec, key.get(), ca_.get(),
+    cert_test::Cert x = cert_test::make_cert(recipe, key.get(), ca_.get(),
                                              signer != nullptr ? signer : ca_key_.get());
     cert_test::write_pem(file(name), x.get());
     return file(name);
@@ -58,7 +58,7 @@ class Verify : public cert_test::CertTest {
 };
 
 TEST_F(Verify, CertificateOfInstalledCaVerifies) {
-  std::string path = leaf("good.pem", CertSpec());
+  std::string path = leaf("good.pem", CertRecipe());
   ASSERT_EQ(openssl_error(path), 0);
   dl_cert_result result;
   EXPECT_EQ(verify(path, &result), 0);
@@ -68,23 +68,23 @@ TEST_F(Verify, CertificateOfInstalledCaVerifies) {
 }
 
 TEST_F(Verify, CaFileAloneIsEnough) {
-  std::string path = leaf("good.pem", CertSpec());
+  std::string path = leaf("good.pem", CertRecipe());
   dl_cert_result result;
   EXPECT_EQ(dl_cert_verify(path.c_str(), nullptr, file("ca.pem").c_str(), 0, &result), 0);
 }
 
 TEST_F(Verify, DerCertificateVerifies) {
   cert_test::Key key = cert_test::ec_key();
-  cert_test::Cert x = cert_test::make_cert(CertSpec(), key.get(), ca_.get(), ca_key_.get());
+  cert_test::Cert x = cert_test::make_cert(CertRecipe(), key.get(), ca_.get(), ca_key_.get());
   cert_test::write_der(file("good.der"), x.get());
   dl_cert_result result;
   EXPECT_EQ(verify(file("good.der"), &result), 0);
 }
 
 TEST_F(Verify, ExpiredIsStatus5) {
-  CertSpec spec;
-  spec.not_after = "210101000000Z";
-  std::string path = leaf("expired.pem", spec);
+  CertRecipe recipe;
+  recipe.not_after = "210101000000Z";
+  std::string path = leaf("expired.pem", recipe);
   ASSERT_EQ(openssl_error(path), X509_V_ERR_CERT_HAS_EXPIRED);
   dl_cert_result result;
   EXPECT_EQ(verify(path, &result), -1);
@@ -98,9 +98,9 @@ TEST_F(Verify, ExpiredIsStatus5) {
 }
 
 TEST_F(Verify, NotYetValidIsStatus4) {
-  CertSpec spec;
-  spec.not_before = "400101000000Z";
-  std::string path = leaf("future.pem", spec);
+  CertRecipe recipe;
+  recipe.not_before = "400101000000Z";
+  std::string path = leaf("future.pem", recipe);
   ASSERT_EQ(openssl_error(path), X509_V_ERR_CERT_NOT_YET_VALID);
   dl_cert_result result;
   EXPECT_EQ(verify(path, &result), -1);
@@ -110,11 +110,11 @@ TEST_F(Verify, NotYetValidIsStatus4) {
 
 TEST_F(Verify, MissingIssuerIsStatus6) {
   cert_test::Key other_key = cert_test::ec_key();
-  CertSpec other_spec;
+  CertRecipe other_spec;
   other_spec.subject = "/CN=Unknown CA";
   cert_test::Cert other = cert_test::make_cert(other_spec, other_key.get());
   cert_test::Key key = cert_test::ec_key();
-  cert_test::Cert x = cert_test::make_cert(CertSpec(), key.get(), other.get(), other_key.get());
+  cert_test::Cert x = cert_test::make_cert(CertRecipe(), key.get(), other.get(), other_key.get());
   cert_test::write_pem(file("orphan.pem"), x.get());
   ASSERT_EQ(openssl_error(file("orphan.pem")), X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT_LOCALLY);
   dl_cert_result result;
@@ -125,7 +125,7 @@ TEST_F(Verify, MissingIssuerIsStatus6) {
 
 TEST_F(Verify, BadSignatureIsStatus3) {
   cert_test::Key forger = cert_test::ec_key();
-  std::string path = leaf("forged.pem", CertSpec(), forger.get());
+  std::string path = leaf("forged.pem", CertRecipe(), forger.get());
   ASSERT_EQ(openssl_error(path), X509_V_ERR_CERT_SIGNATURE_FAILURE);
   dl_cert_result result;
   EXPECT_EQ(verify(path, &result), -1);
@@ -137,7 +137,7 @@ TEST_F(Verify, OtherErrorIsStatus11) {
   // A not-after time with month 13: OpenSSL's error 14, none of the listed
   // ones.
   cert_test::Key key = cert_test::ec_key();
-  cert_test::Cert x = cert_test::make_cert(CertSpec(), key.get(), ca_.get(), ca_key_.get());
+  cert_test::Cert x = cert_test::make_cert(CertRecipe(), key.get(), ca_.get(), ca_key_.get());
   ASN1_STRING_set(X509_getm_notAfter(x.get()), "491399235959Z", 13);
   X509_sign(x.get(), ca_key_.get(), EVP_sha256());
   cert_test::write_pem(file("badtime.pem"), x.get());
@@ -171,9 +171,9 @@ TEST_F(Verify, MissingFileIsStatus11WithEmptyErrorText) {
 
 TEST_F(Verify, SelfSignedLeafIsAcceptedByTheCallback) {
   cert_test::Key key = cert_test::ec_key();
-  CertSpec spec;
-  spec.subject = "/CN=self";
-  cert_test::Cert x = cert_test::make_cert(spec, key.get());
+  CertRecipe recipe;
+  recipe.subject = "/CN=self";
+  cert_test::Cert x = cert_test::make_cert(recipe, key.get());
   cert_test::write_pem(file("self.pem"), x.get());
   EXPECT_EQ(openssl_error(file("self.pem")), X509_V_ERR_DEPTH_ZERO_SELF_SIGNED_CERT);
   dl_cert_result result;
@@ -186,7 +186,7 @@ TEST_F(Verify, SelfSignedLeafIsAcceptedByTheCallback) {
 }
 
 TEST_F(Verify, BadCaFileOrDirectoryIsStatus2) {
-  std::string path = leaf("good.pem", CertSpec());
+  std::string path = leaf("good.pem", CertRecipe());
   dl_cert_result result;
   EXPECT_EQ(dl_cert_verify(path.c_str(), nullptr, file("nothing.pem").c_str(), 0, &result), -1);
   EXPECT_EQ(result.status, 2);
@@ -207,7 +207,7 @@ class VerifyAdvance : public Verify {
  protected:
   std::string pair(const char *password = nullptr, bool matching = true) {
     cert_test::Key key = cert_test::ec_key();
-    cert_test::Cert x = cert_test::make_cert(CertSpec(), key.get(), ca_.get(), ca_key_.get());
+    cert_test::Cert x = cert_test::make_cert(CertRecipe(), key.get(), ca_.get(), ca_key_.get());
     cert_test::write_pem(file("pair.pem"), x.get());
     cert_test::Key other = cert_test::ec_key();
     cert_test::write_key(file("pair.pem"), matching ? key.get() : other.get(), password, true);
@@ -238,7 +238,7 @@ TEST_F(VerifyAdvance, MissingOrForeignKeyIsStatus10) {
   EXPECT_EQ(verify(pair(nullptr, false), &result, 1), -1);
   EXPECT_EQ(result.status, 10);
   EXPECT_STREQ(result.msg, "Private key does not match");
-  std::string cert_only = leaf("cert.pem", CertSpec());
+  std::string cert_only = leaf("cert.pem", CertRecipe());
   EXPECT_EQ(verify(cert_only, &result, 1), -1);
   EXPECT_EQ(result.status, 10);
 }

@@ -27,10 +27,10 @@ class CertCli : public ::testing::Test {
  protected:
   void SetUp() override {
     ca_key_ = cert_test::rsa_key(2048);
-    cert_test::CertSpec spec;
-    spec.subject = "/CN=Cli CA/O=Quarry";
-    spec.ca = true;
-    ca_ = cert_test::make_cert(spec, ca_key_.get());
+    cert_test::CertRecipe recipe;
+    recipe.subject = "/CN=Cli CA/O=Quarry";
+    recipe.ca = true;
+    ca_ = cert_test::make_cert(recipe, ca_key_.get());
     cert_test::write_pem(dir_.file("ca.pem"), ca_.get());
     cert_test::write_key(dir_.file("ca.key"), ca_key_.get());
     trust_ = "--trust " + quote(dir_.file("trust"));
@@ -74,9 +74,9 @@ TEST_F(CertCli, InstallListInfoVerifyDelete) {
 
 TEST_F(CertCli, VerifyFailureShowsStatusAndMessage) {
   cert_test::Key key = cert_test::ec_key();
-  cert_test::CertSpec spec;
-  spec.not_after = "210101000000Z";
-  cert_test::Cert x = cert_test::make_cert(spec, key.get(), ca_.get(), ca_key_.get());
+  cert_test::CertRecipe recipe;
+  recipe.not_after = "210101000000Z";
+  cert_test::Cert x = cert_test::make_cert(recipe, key.get(), ca_.get(), ca_key_.get());
   cert_test::write_pem(dir_.file("old.pem"), x.get());
   CliRun r = cli("verify " + path("old.pem") + " --ca-file " + path("ca.pem"));
   EXPECT_EQ(r.status, 1);
@@ -88,9 +88,9 @@ TEST_F(CertCli, VerifyFailureShowsStatusAndMessage) {
 TEST_F(CertCli, DeviceInstallInfoDelete) {
   std::string device = dir_.file("root/server/WebServer.pem");
   cert_test::Key key = cert_test::ec_key();
-  cert_test::CertSpec spec;
-  spec.subject = "/CN=phone.local/O=Maker";
-  cert_test::Cert x = cert_test::make_cert(spec, key.get());
+  cert_test::CertRecipe recipe;
+  recipe.subject = "/CN=phone.local/O=Maker";
+  cert_test::Cert x = cert_test::make_cert(recipe, key.get());
   cert_test::write_pem(dir_.file("pair.pem"), x.get());
   cert_test::write_key(dir_.file("pair.pem"), key.get(), nullptr, true);
   std::string opt = " --device " + quote(device);

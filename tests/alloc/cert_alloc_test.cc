@@ -30,14 +30,14 @@ class CertAlloc : public cert_test::CertTest {
     CertTest::SetUp();
     quarry_test::alloc_log_text() = [this] { return log_->text(); };
     quarry_test::alloc_log_clear() = [this] { log_->clear(); };
-    ca_ = cert_test::write_self_signed(file("ca.pem"), spec("/CN=Alloc CA/O=Quarry", true));
+    ca_ = cert_test::write_self_signed(file("ca.pem"), recipe("/CN=Alloc CA/O=Quarry", true));
     cert_test::Key key = cert_test::ec_key();
-    cert_test::Cert cert = cert_test::make_cert(spec("/CN=Alloc Dev/O=Quarry", false), key.get());
+    cert_test::Cert cert = cert_test::make_cert(recipe("/CN=Alloc Dev/O=Quarry", false), key.get());
     pair_ = file("pair.pem");
     cert_test::write_pem(pair_, cert.get());
     cert_test::write_key(pair_, key.get(), nullptr, true);
     cert_test::Key ca_key = cert_test::rsa_key(kKeyBits);
-    cert_test::Cert signer = cert_test::make_cert(spec("/CN=Signer/O=Quarry", true), ca_key.get());
+    cert_test::Cert signer = cert_test::make_cert(recipe("/CN=Signer/O=Quarry", true), ca_key.get());
     signer_ = file("signer.pem");
     signer_key_ = file("signer.key");
     cert_test::write_pem(signer_, signer.get());
@@ -48,8 +48,8 @@ class CertAlloc : public cert_test::CertTest {
     quarry_test::alloc_log_clear() = nullptr;
     CertTest::TearDown();
   }
-  static cert_test::CertSpec spec(const std::string &subject, bool ca) {
-    cert_test::CertSpec s;
+  static cert_test::CertRecipe recipe(const std::string &subject, bool ca) {
+    cert_test::CertRecipe s;
     s.subject = subject;
     s.ca = ca;
     return s;

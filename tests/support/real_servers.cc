@@ -44,7 +44,7 @@ constexpr size_t kMaxRoles = 4;
 
 // Plain constant data: it must outlive the shared servers, which are
 // stopped by static destructors at exit.
-struct Spec {
+struct ServerRecipe {
   const char *name;
   const char *script;
   // Port roles in the order the script takes them (nullptr-padded).
@@ -62,7 +62,7 @@ struct Spec {
   }
 };
 
-constexpr Spec kSpecs[] = {
+constexpr ServerRecipe kRecipes[] = {
     {"nginx", "nginx.sh", {"http", "https", "mtls"}, false, true, "www", "upload"},
     {"apache", "apache.sh", {"http"}, false, false, "htdocs", "uploads"},
     {"lighttpd", "lighttpd.sh", {"http"}, false, false, "www", "uploads"},
@@ -74,9 +74,9 @@ constexpr Spec kSpecs[] = {
     {"atftpd", "atftpd.sh", {"tftp"}, false, false, "root", "root"},
 };
 
-const Spec *find_spec(const std::string &name) {
-  for (const Spec &spec : kSpecs) {
-    if (name == spec.name) return &spec;
+const ServerRecipe *find_recipe(const std::string &name) {
+  for (const ServerRecipe &recipe : kRecipes) {
+    if (name == recipe.name) return &recipe;
   }
   return nullptr;
 }
@@ -315,8 +315,8 @@ const std::string &test_pki_dir() {
 
 std::unique_ptr<RealServer> RealServer::start(const std::string &name) {
   std::unique_ptr<RealServer> server(new RealServer(name));
-  const Spec *spec = find_spec(name);
-  if (spec == nullptr) {
+  const ServerRecipe *recipe = find_recipe(name);
+  if (recipe == nullptr) {
     server->error_ = "no real server named \"" + name + "\"";
     return server;
   }
@@ -343,7 +343,7 @@ RealServer::RealServer(const std::string &name) : name_(name), owner_(getpid()) 
 RealServer::~RealServer() { stop(); }
 
 bool RealServer::attempt() {
-  const Spec *spec = find_spec(name_);
+  const ServerRecipe *recipe = find_recipe(name_);
   state_ = State::kFailed;
   ports_.clear();
   dir_ = make_dir(("quarry-" + name_).c_str());
@@ -355,7 +355,7 @@ bool RealServer::attempt() {
 
   std::vector<std::string> env = {"QUARRY_SERVER_OWNER=" + std::to_string(getpid()),
                                   "QUARRY_SERVER_REMOVE_DIR=" + dir_};
-  if (spec->uses_pki) {
+  if (recipe->uses_pki) {
     const std::string &pki_dir = test_pki_dir();
     if (pki_dir.empty()) {
       error_ = "cannot make the test PKI (tests/servers/pki.sh)";
@@ -365,18 +365,18 @@ bool RealServer::attempt() {
   }
 
   std::vector<uint16_t> ports;
-  if (!pick_ports(spec->role_count(), ipv6_, tried_ports_, &ports)) {
+  if (!pick_ports(recipe->role_count(), ipv6_, tried_ports_, &ports)) {
     error_ = "no free ports for " + name_;
     return false;
   }
   std::vector<std::string> args = {"start", dir_ + "/server"};
   for (size_t i = 0; i < ports.size(); ++i) {
-    ports_[spec->roles[i]] = ports[i];
+    ports_[recipe->roles[i]] = ports[i];
     // A retry after a failed start must not run into the same ports.
     tried_ports_.insert(ports[i]);
     args.push_back(std::to_string(ports[i]));
   }
-  if (spec->pasv_range) {
+  if (recipe->pasv_range) {
     uint16_t first = 0;
     if (!pick_block(ipv6_, &first)) {
       error_ = "no free passive port range for " + name_;
@@ -388,7 +388,7 @@ bool RealServer::attempt() {
     args.push_back(std::to_string(first + kPasvBlock - 1));
   }
   // The scripts own everything below dir_/server; the start log sits beside it.
-  std::string script = scripts_dir() + "/" + spec->script;
+  std::string script = scripts_dir() + "/" + recipe->script;
   std::string log = dir_ + "/start.log";
   int rc = run_script(script, args, log, env);
   dir_ += "/server";
@@ -431,13 +431,13 @@ std::string RealServer::url(const std::string &role, const std::string &path,
 }
 
 std::string RealServer::doc_root() const {
-  const Spec *spec = find_spec(name_);
-  return spec == nullptr || *spec->doc_root == '\0' ? "" : path(spec->doc_root);
+  const ServerRecipe *recipe = find_recipe(name_);
+  return recipe == nullptr || *recipe->doc_root == '\0' ? "" : path(recipe->doc_root);
 }
 
 std::string RealServer::upload_dir() const {
-  const Spec *spec = find_spec(name_);
-  return spec == nullptr || *spec->upload_dir == '\0' ? "" : path(spec->upload_dir);
+  const ServerRecipe *recipe = find_recipe(name_);
+  return recipe == nullptr || *recipe->upload_dir == '\0' ? "" : path(recipe->upload_dir);
 }
 
 std::string RealServer::pki(const std::string &file) {
@@ -467,10 +467,10 @@ std::map<std::string, pid_t> RealServer::pids() const {
 void RealServer::stop() {
   // A forked child (a death test) must leave its parent's servers alone.
   if (dir_.empty() || owner_ != getpid()) return;
-  const Spec *spec = find_spec(name_);
-  if (spec != nullptr) {
+  const ServerRecipe *recipe = find_recipe(name_);
+  if (recipe != nullptr) {
     std::string base = dir_.substr(0, dir_.rfind('/'));
-    run_script(scripts_dir() + "/" + spec->script, {"stop", dir_}, base + "/stop.log", {});
+    run_script(scripts_dir() + "/" + recipe->script, {"stop", dir_}, base + "/stop.log", {});
   }
   // Whatever the script could not stop goes with its whole process group.
   for (const auto &entry : pids()) kill(-entry.second, SIGKILL);
