@@ -1,5 +1,5 @@
 // FTP uploads and the front door's FTP branches, black box: scripted
-// loopback servers, and vsftpd for real sessions.
+// loopback servers (real servers: ftp_servers_test.cc).
 #include <gtest/gtest.h>
 #include <string.h>
 
@@ -10,7 +10,6 @@
 #include "quarry_internal.h"
 #include "tests/acceptance/ftp_peer.h"
 #include "tests/support/log_capture.h"
-#include "tests/support/real_servers.h"
 
 namespace {
 
@@ -307,43 +306,6 @@ TEST_F(FtpFrontDoor, ReadOfLengthZeroIsInvalid) {
   char buf[4];
   EXPECT_EQ(-1, dl_read(&h, buf, 0, &err_));
   EXPECT_TRUE(cap.has(kCommon, kError, "Invalid Param!\n")) << cap.text();
-}
-
-// ---- vsftpd ----
-
-TEST_F(FtpSend, VsftpdAnonymousDownloadAndUserRoundTrip) {
-  QUARRY_USE_SERVER(vsftpd, "vsftpd");
-  std::string got = dir_.file("readme.txt");
-  ASSERT_EQ(0, dl_ftp_recv_to_file("127.0.0.1", vsftpd.port("ftp"), nullptr, nullptr,
-                                   "/pub/readme.txt", got.c_str(), &err_))
-      << err_.code << " " << err_.msg;
-  EXPECT_EQ("anon file\n", quarry_test::read_file(got));
-
-  std::string name = "acc_" + std::to_string(getpid()) + ".txt";
-  ASSERT_EQ(0, dl_ftp_send_file("127.0.0.1", vsftpd.port("ftp"), "ftpuser", "ftppass",
-                                name.c_str(), local_.c_str(), kAppend, kLimitStore, &err_))
-      << err_.code << " " << err_.msg;
-  EXPECT_EQ(std::string(300, 'L'), quarry_test::read_file(vsftpd.path("home/ftpuser/" + name)));
-  ASSERT_EQ(0, dl_ftp_send_file("127.0.0.1", vsftpd.port("ftp"), "ftpuser", "ftppass",
-                                name.c_str(), local_.c_str(), kAppend, kLimitStore, &err_));
-  EXPECT_EQ(std::string(600, 'L'), quarry_test::read_file(vsftpd.path("home/ftpuser/" + name)));
-
-  std::string back = dir_.file("back.txt");
-  EXPECT_EQ(0, dl_ftp_recv_to_file("127.0.0.1", vsftpd.port("ftp"), "ftpuser", "ftppass",
-                                   name.c_str(), back.c_str(), &err_));
-  EXPECT_EQ(std::string(600, 'L'), quarry_test::read_file(back));
-}
-
-TEST_F(FtpSend, VsftpdWrongPasswordFallsBackToAnonymous) {
-  QUARRY_USE_SERVER(vsftpd, "vsftpd");
-  // vsftpd answers a failed login only after its own delay of a second.
-  settings_.timeout_s = 5;
-  acceptance::apply_ftp_settings(settings_);
-  std::string got = dir_.file("readme.txt");
-  EXPECT_EQ(0, dl_ftp_recv_to_file("127.0.0.1", vsftpd.port("ftp"), "ftpuser", "wrong",
-                                   "/pub/readme.txt", got.c_str(), &err_))
-      << err_.code << " " << err_.msg;
-  EXPECT_EQ("anon file\n", quarry_test::read_file(got));
 }
 
 }  // namespace

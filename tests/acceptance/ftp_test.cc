@@ -1,5 +1,5 @@
 // The FTP client, black box: scripted loopback servers for every reply
-// the client must handle, and vsftpd for a real session.
+// the client must handle (real servers: ftp_servers_test.cc).
 #include <gtest/gtest.h>
 #include <string.h>
 #include <sys/wait.h>
@@ -12,7 +12,6 @@
 #include "quarry_internal.h"
 #include "tests/acceptance/ftp_peer.h"
 #include "tests/support/log_capture.h"
-#include "tests/support/real_servers.h"
 
 namespace {
 

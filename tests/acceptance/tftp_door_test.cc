@@ -1,5 +1,5 @@
 // TFTP saves to file, uploads and the transfer front door's TFTP branch,
-// against scripted UDP servers and tftpd-hpa.
+// against scripted UDP servers (real servers: tftp_servers_test.cc).
 #include <gtest/gtest.h>
 #include <string.h>
 #include <unistd.h>
@@ -8,7 +8,6 @@
 
 #include "tests/support/log_capture.h"
 #include "quarry.h"
-#include "tests/support/real_servers.h"
 #include "tests/acceptance/tftp_peer.h"
 
 namespace {
@@ -253,32 +252,5 @@ INSTANTIATE_TEST_SUITE_P(Paths, DoorUpload,
                                            UploadCase{"/cfg/", nullptr, "cfg/a.cfg"},
                                            UploadCase{"/cfg", "", "cfga.cfg"},
                                            UploadCase{"/cfg/", "new.cfg", "cfg/new.cfg"}));
-
-// ---- tftpd-hpa ----
-
-TEST_F(TftpFileTest, RealServerDownloadAndUpload) {
-  QUARRY_USE_SERVER(tftpd, "tftpd");
-  int port = tftpd.port("tftp");
-  std::string local = dir_.file("3M.bin");
-  EXPECT_EQ(0, dl_tftp_recv_to_file("127.0.0.1", port, "/3M.bin", local.c_str(), &err_))
-      << err_.msg;
-  EXPECT_EQ(quarry_test::read_file(tftpd.doc_root() + "/3M.bin"), quarry_test::read_file(local));
-
-  dl_tftp_conn *conn = nullptr;
-  ASSERT_EQ(0, dl_tftp_open(&conn, "127.0.0.1", port, "hello.txt", &err_));
-  char buf[64];
-  int n = dl_tftp_read(conn, buf, sizeof(buf), &err_);
-  dl_tftp_close(conn);
-  EXPECT_EQ("tftp hello\n", std::string(buf, n > 0 ? static_cast<size_t>(n) : 0));
-}
-
-TEST_F(TftpFileTest, RealServerMissingFileFails) {
-  QUARRY_USE_SERVER(tftpd, "tftpd");
-  std::string local = dir_.file("nothing");
-  EXPECT_EQ(-1, dl_tftp_recv_to_file("127.0.0.1", tftpd.port("tftp"), "no-such-file",
-                                     local.c_str(), &err_));
-  EXPECT_EQ(DL_ERR_READ, err_.code);
-  EXPECT_FALSE(quarry_test::file_exists(local));
-}
 
 }  // namespace
