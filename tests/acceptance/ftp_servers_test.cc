@@ -2,7 +2,6 @@
 // vsftpd and pure-ftpd; anonymous logins and IPv6 against vsftpd, the one
 // offering them. Files are compared byte for byte on the server's side.
 #include <gtest/gtest.h>
-#include <pthread.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/stat.h>
@@ -11,6 +10,8 @@
 #include <string>
 
 #include "quarry.h"
+#include "quarry_internal.h"
+#include "tests/acceptance/ftp_peer.h"
 #include "tests/acceptance/server_files.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/real_servers.h"
@@ -18,6 +19,7 @@
 namespace {
 
 using acceptance::binary_content;
+using acceptance::door_fetch;
 using acceptance::fresh_name;
 using acceptance::settled_content;
 using quarry_test::LogCapture;
@@ -52,20 +54,8 @@ const FtpServer kServers[] = {
     {"pureftpd", "vuser", "purepass", "home", nullptr, nullptr, 12},
 };
 
-struct FtpSettings {
-  uint16_t timeout_s = 1;
-  uint16_t ipv6 = 0;
-  uint32_t max_file_size = 10 * 1024 * 1024;
-};
-
-void apply(const FtpSettings &s) {
-  dl_config_init();
-  pthread_mutex_lock(&g_dl_cfg.cfg_lock);
-  g_dl_cfg.timeout_s = s.timeout_s;
-  g_dl_cfg.ipv6_enable = s.ipv6;
-  g_dl_cfg.max_file_size = s.max_file_size;
-  pthread_mutex_unlock(&g_dl_cfg.cfg_lock);
-}
+using acceptance::FtpSettings;
+void apply(const FtpSettings &s) { acceptance::apply_ftp_settings(s); }
 
 class FtpServers : public ::testing::TestWithParam<FtpServer> {
  protected:
@@ -262,17 +252,12 @@ TEST_P(FtpServers, FrontDoorUploadsAndDownloads) {
 
   std::string get_url = std::string("ftp://") + user() + ":" + password() + "@127.0.0.1:" +
                         std::to_string(port()) + "/" + name;
-  dl_request get{};
-  get.url = const_cast<char *>(get_url.c_str());
-  std::string back = dir_.file("door_back.bin");
-  ASSERT_EQ(0, dl_download(&get, back.c_str(), nullptr, &err_)) << err_.code << " " << err_.msg;
-  EXPECT_TRUE(quarry_test::read_file(back) == content) << "the download differs";
+  EXPECT_TRUE(door_fetch(get_url, dir_.file("door_back.bin"), &err_) == content)
+      << "the download differs: " << err_.code << " " << err_.msg;
 }
 
-std::string server_name(const ::testing::TestParamInfo<FtpServer> &param) {
-  return param.param.name;
-}
-INSTANTIATE_TEST_SUITE_P(Real, FtpServers, ::testing::ValuesIn(kServers), server_name);
+INSTANTIATE_TEST_SUITE_P(Real, FtpServers, ::testing::ValuesIn(kServers),
+                         acceptance::ServerName());
 
 // ---- what only vsftpd offers: anonymous logins and IPv6 ----
 

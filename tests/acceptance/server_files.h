@@ -12,6 +12,9 @@
 
 #include <string>
 
+#include <gtest/gtest.h>
+
+#include "quarry.h"
 #include "tests/support/log_capture.h"
 
 namespace acceptance {
@@ -65,6 +68,23 @@ inline std::string settled_content(const std::string &path, size_t size) {
   }
   return quarry_test::file_exists(path) ? quarry_test::read_file(path) : std::string();
 }
+
+// Fetches |url| through the front door into |local|; its content, or
+// "<failed>" with the code in |err|.
+inline std::string door_fetch(const std::string &url, const std::string &local, dl_error *err) {
+  dl_request req{};
+  req.url = const_cast<char *>(url.c_str());
+  if (dl_download(&req, local.c_str(), nullptr, err) != 0) return "<failed>";
+  return quarry_test::read_file(local);
+}
+
+// Names parameterised cases after the server they run against.
+struct ServerName {
+  template <typename Server>
+  std::string operator()(const ::testing::TestParamInfo<Server> &param) const {
+    return param.param.name;
+  }
+};
 
 }  // namespace acceptance
 

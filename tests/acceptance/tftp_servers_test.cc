@@ -15,6 +15,7 @@
 namespace {
 
 using acceptance::binary_content;
+using acceptance::door_fetch;
 using acceptance::fresh_name;
 using acceptance::settled_content;
 using quarry_test::LogCapture;
@@ -141,17 +142,12 @@ TEST_P(TftpServers, FrontDoorUploadsAndDownloads) {
       << err_.code << " " << err_.msg;
   EXPECT_TRUE(settled_content(server().path("root/" + remote), content.size()) == content);
 
-  std::string get_url = url + remote;
-  dl_request get{const_cast<char *>(get_url.c_str()), nullptr, nullptr, nullptr};
-  std::string back = dir_.file("door_back.bin");
-  ASSERT_EQ(0, dl_download(&get, back.c_str(), nullptr, &err_)) << err_.code << " " << err_.msg;
-  EXPECT_TRUE(quarry_test::read_file(back) == content) << "the download differs";
+  EXPECT_TRUE(door_fetch(url + remote, dir_.file("door_back.bin"), &err_) == content)
+      << "the download differs: " << err_.code << " " << err_.msg;
 }
 
-std::string server_name(const ::testing::TestParamInfo<TftpServer> &param) {
-  return param.param.name;
-}
-INSTANTIATE_TEST_SUITE_P(Real, TftpServers, ::testing::ValuesIn(kServers), server_name);
+INSTANTIATE_TEST_SUITE_P(Real, TftpServers, ::testing::ValuesIn(kServers),
+                         acceptance::ServerName());
 
 // ---- IPv6 (tftpd-hpa) ----
 
