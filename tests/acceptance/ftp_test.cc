@@ -387,3 +387,74 @@ TEST_F(Ftp, DataClosedBeforeTheAnnouncedSizeEndsTheRead) {
 }
 
 }  // namespace
+
+namespace {
+
+// A reply line that does not fit into the reply buffer ends the read with
+// -1 and the buffer's length in the log line.
+TEST_F(Ftp, PassiveReplyLongerThanItsBufferFailsTheOpen) {
+  FtpPeer peer;
+  peer.queue("PASV", "227 Entering Passive Mode " + std::string(600, 'x') + "\r\n");
+  peer.start();
+  LogCapture cap;
+  std::string got;
+  EXPECT_EQ(-1, download(peer, "u", "p", &got));
+  EXPECT_EQ(-1, err_.code);
+  EXPECT_STREQ("Unknown Error", err_.msg);
+  EXPECT_TRUE(cap.has(kFtp, kError, "Buffer not enough! buffer len 512\n")) << cap.text();
+  EXPECT_TRUE(cap.has(kFtp, kError, "Create data connection failed\n")) << cap.text();
+}
+
+class FtpSmallReplyBuffer : public Ftp {
+ protected:
+  void SetUp() override {
+    Ftp::SetUp();
+    peer_.retr_data = "abc";
+    peer_.start();
+    ASSERT_EQ(0, dl_ftp_open(&conn_, "127.0.0.1", peer_.port(), "u", "p", "f", &err_));
+    memset(area_, '#', sizeof(area_));
+  }
+  void TearDown() override {
+    dl_ftp_close(conn_);
+    peer_.finish();
+    // Nothing was written past the length the caller gave.
+    EXPECT_EQ(std::string(sizeof(area_) - kLen, '#'), std::string(area_ + kLen, sizeof(area_) - kLen));
+  }
+  static constexpr int kLen = 16;
+  FtpPeer peer_;
+  dl_ftp_conn *conn_ = nullptr;
+  char area_[64];
+};
+
+TEST_F(FtpSmallReplyBuffer, CommandReplyLongerThanTheBufferIsRefused) {
+  LogCapture cap;
+  // The scripted server answers NOOP with "500 unknown": 13 bytes with its
+  // line end, more than 8.
+  EXPECT_EQ(-1, ftp_command(conn_, "NOOP", nullptr, area_, 8, 0, DL_ERR_FTP_REPLY));
+  EXPECT_TRUE(cap.has(kFtp, kError, "Buffer not enough! buffer len 8\n")) << cap.text();
+}
+
+TEST_F(FtpSmallReplyBuffer, DataConnectionWithAShortReplyBufferFails) {
+  LogCapture cap;
+  EXPECT_EQ(-1, dl_ftp_create_data_conn(conn_, area_, kLen, 1));
+  EXPECT_TRUE(cap.has(kFtp, kError, "Buffer not enough! buffer len 16\n")) << cap.text();
+  EXPECT_EQ(v({"USER u", "PASS p", "TYPE I", "PASV", "SIZE f", "RETR f", "PASV"}),
+            peer_.commands());
+}
+
+// The held line still carries its "\r\n" when its length is checked: 13
+// bytes need a buffer of 15.
+TEST_F(FtpSmallReplyBuffer, LineEndCountsAgainstTheBuffer) {
+  LogCapture cap;
+  EXPECT_EQ(-1, ftp_command(conn_, "NOOP", nullptr, area_, 14, 0, DL_ERR_FTP_REPLY));
+  EXPECT_TRUE(cap.has(kFtp, kError, "Buffer not enough! buffer len 14\n")) << cap.text();
+}
+
+TEST_F(FtpSmallReplyBuffer, ReplyThatFitsIsReadWhole) {
+  LogCapture cap;
+  EXPECT_EQ(500, ftp_command(conn_, "NOOP", nullptr, area_, 15, 0, DL_ERR_FTP_REPLY));
+  EXPECT_STREQ("500 unknown", area_);
+  EXPECT_FALSE(cap.mentions("Buffer not enough!")) << cap.text();
+}
+
+}  // namespace
