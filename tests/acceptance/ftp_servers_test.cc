@@ -88,8 +88,8 @@ class FtpServers : public ::testing::TestWithParam<FtpServer> {
     return name;
   }
   int send(const std::string &remote, const std::string &local, int mode, int limit) {
-    return dl_ftp_send_file("127.0.0.1", port(), user(), password(), remote.c_str(),
-                            local.c_str(), mode, limit, &err_);
+    return dl_ftp_send_file("127.0.0.1", port(), user(), password(), remote.c_str(), local.c_str(),
+                            mode, limit, &err_);
   }
   FtpSettings settings_;
   dl_error err_;
@@ -151,8 +151,8 @@ TEST_P(FtpServers, MissingFileFailsAtSizeWithTheServersReply) {
   QUARRY_REQUIRE_SERVER(server());
   LogCapture cap;
   dl_ftp_conn *conn = nullptr;
-  EXPECT_EQ(-1, dl_ftp_open(&conn, "127.0.0.1", port(), user(), password(), "/no-such-file.bin",
-                            &err_));
+  EXPECT_EQ(
+      -1, dl_ftp_open(&conn, "127.0.0.1", port(), user(), password(), "/no-such-file.bin", &err_));
   EXPECT_EQ(nullptr, conn);
   EXPECT_EQ(DL_ERR_FTP_REPLY, err_.code);
   EXPECT_EQ(0, strncmp(err_.msg, "550 ", 4)) << err_.msg;
@@ -245,19 +245,18 @@ TEST_P(FtpServers, FrontDoorUploadsAndDownloads) {
   req.url = const_cast<char *>(url.c_str());
   req.user = const_cast<char *>(user());
   req.password = const_cast<char *>(password());
-  ASSERT_EQ(0, dl_upload(&req, local.c_str(), name.c_str(), nullptr, &err_, nullptr, kStore,
-                         kLimitStore))
+  ASSERT_EQ(
+      0, dl_upload(&req, local.c_str(), name.c_str(), nullptr, &err_, nullptr, kStore, kLimitStore))
       << err_.code << " " << err_.msg;
   EXPECT_TRUE(settled_content(remote_path(name), content.size()) == content);
 
-  std::string get_url = std::string("ftp://") + user() + ":" + password() + "@127.0.0.1:" +
-                        std::to_string(port()) + "/" + name;
+  std::string get_url = std::string("ftp://") + user() + ":" + password() +
+                        "@127.0.0.1:" + std::to_string(port()) + "/" + name;
   EXPECT_TRUE(door_fetch(get_url, dir_.file("door_back.bin"), &err_) == content)
       << "the download differs: " << err_.code << " " << err_.msg;
 }
 
-INSTANTIATE_TEST_SUITE_P(Real, FtpServers, ::testing::ValuesIn(kServers),
-                         acceptance::ServerName());
+INSTANTIATE_TEST_SUITE_P(Real, FtpServers, ::testing::ValuesIn(kServers), acceptance::ServerName());
 
 // ---- what only vsftpd offers: anonymous logins and IPv6 ----
 
@@ -283,9 +282,9 @@ TEST_F(FtpVsftpd, AnonymousDownloadAndUpload) {
   std::string content = binary_content(4000, 19);
   std::string local = dir_.write("anon_up.bin", content);
   std::string name = fresh_name("fanon");
-  ASSERT_EQ(0, dl_ftp_send_file("127.0.0.1", vsftpd.port("ftp"), nullptr, nullptr,
-                                ("/incoming/" + name).c_str(), local.c_str(), kStore,
-                                kLimitStore, &err_))
+  ASSERT_EQ(
+      0, dl_ftp_send_file("127.0.0.1", vsftpd.port("ftp"), nullptr, nullptr,
+                          ("/incoming/" + name).c_str(), local.c_str(), kStore, kLimitStore, &err_))
       << err_.code << " " << err_.msg;
   EXPECT_TRUE(settled_content(vsftpd.path("anon/incoming/" + name), content.size()) == content);
 }
@@ -306,8 +305,8 @@ TEST_F(FtpVsftpd, DownloadAndUploadOverIpv6) {
   EXPECT_TRUE(settled_content(vsftpd.path("home/ftpuser/" + name), content.size()) == content);
 
   std::string back = dir_.file("v6_back.bin");
-  ASSERT_EQ(0, dl_ftp_recv_to_file("::1", vsftpd.port("ftp6"), "ftpuser", "ftppass",
-                                   name.c_str(), back.c_str(), &err_))
+  ASSERT_EQ(0, dl_ftp_recv_to_file("::1", vsftpd.port("ftp6"), "ftpuser", "ftppass", name.c_str(),
+                                   back.c_str(), &err_))
       << err_.code << " " << err_.msg;
   EXPECT_TRUE(quarry_test::read_file(back) == content) << "the download differs";
   EXPECT_FALSE(cap.mentions("Try use PASV")) << cap.text();

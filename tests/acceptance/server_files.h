@@ -5,14 +5,13 @@
 #define QUARRY_TESTS_ACCEPTANCE_SERVER_FILES_H
 
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <stdint.h>
 #include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <string>
-
-#include <gtest/gtest.h>
 
 #include "quarry.h"
 #include "tests/support/log_capture.h"
@@ -58,8 +57,8 @@ inline std::string settled_content(const std::string &path, size_t size) {
     int fd = open(path.c_str(), O_RDONLY);
     if (fd >= 0) {
       struct stat st {};
-      bool done = fstat(fd, &st) == 0 && static_cast<size_t>(st.st_size) == size &&
-                  !write_locked(fd);
+      bool done =
+          fstat(fd, &st) == 0 && static_cast<size_t>(st.st_size) == size && !write_locked(fd);
       close(fd);
       if (done) break;
     }

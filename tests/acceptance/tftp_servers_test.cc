@@ -69,12 +69,14 @@ class TftpServers : public ::testing::TestWithParam<TftpServer> {
 
 TEST_P(TftpServers, DownloadIsByteForByte) {
   QUARRY_REQUIRE_SERVER(server());
-  std::string want = quarry_test::read_file(server().path(std::string("root/") + GetParam().big_file));
+  std::string want =
+      quarry_test::read_file(server().path(std::string("root/") + GetParam().big_file));
   ASSERT_GT(want.size(), 100000u);
   std::string local = dir_.file("big.bin");
   LogCapture capture;
-  ASSERT_EQ(0, dl_tftp_recv_to_file("127.0.0.1", port(), (std::string("/") + GetParam().big_file).c_str(),
-                                    local.c_str(), &err_))
+  ASSERT_EQ(
+      0, dl_tftp_recv_to_file("127.0.0.1", port(), (std::string("/") + GetParam().big_file).c_str(),
+                              local.c_str(), &err_))
       << err_.code << " " << err_.msg;
   EXPECT_TRUE(quarry_test::read_file(local) == want) << "the saved file differs";
   EXPECT_TRUE(capture.has(kTftp, kInfo, "recv OACK\n")) << capture.text();
