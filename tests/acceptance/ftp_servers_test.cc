@@ -214,6 +214,16 @@ TEST_P(FtpServers, AppendBeyondTheLimitStoresOrStopsByLimitMode) {
   EXPECT_TRUE(settled_content(remote_path(name), content.size()) == content);
 }
 
+TEST_P(FtpServers, StoreRefusedByTheServerCarriesItsReplyCode) {
+  QUARRY_REQUIRE_SERVER(server());
+  std::string local = dir_.write("up.bin", binary_content(100, 21));
+  LogCapture cap;
+  EXPECT_EQ(-1, send("no-such-dir/" + fresh_name("fmiss"), local, kStore, kLimitStore));
+  EXPECT_EQ(553, err_.code);
+  EXPECT_STREQ("Unknown Error", err_.msg);
+  EXPECT_TRUE(cap.has(kFtp, kError, "Open data transfer conn err\n")) << cap.text();
+}
+
 TEST_P(FtpServers, WrongPasswordRetriesAnonymously) {
   QUARRY_REQUIRE_SERVER(server());
   settings_.timeout_s = GetParam().failed_login_s;
