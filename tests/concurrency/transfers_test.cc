@@ -1,9 +1,10 @@
-// Eight threads downloading (saving files and streaming) at once over HTTP, HTTPS, FTP and TFTP from
-// real servers, by a host name that only the library's own hosts file
-// knows, while another thread keeps changing settings, log thresholds and
-// the resolver files. Every file must arrive byte for byte, and between the
-// first and the second half of the run no descriptor and no heap may stay
-// behind. Meant to run under ThreadSanitizer as well (QUARRY_TSAN).
+// Eight threads transferring at once (downloads saved and streamed,
+// uploads) over HTTP, HTTPS, FTP and TFTP with real servers, by a host name
+// that only the library's own hosts file knows, while another thread keeps
+// changing settings, log thresholds and the resolver files. Every file must
+// arrive byte for byte, and between the first and the second half of the
+// run no descriptor and no heap may stay behind. Meant to run under
+// ThreadSanitizer as well (QUARRY_TSAN).
 #include <stdio.h>
 #include <unistd.h>
 #include <utime.h>
@@ -46,6 +47,8 @@ constexpr int kThreads = 8;
 constexpr int kTransfers = 200;
 constexpr int kHalf = kTransfers / 2;
 constexpr size_t kFileSize = 4096;
+// Waits of 10 ms for an uploaded file to be complete on the server.
+constexpr int kStoreWaits = 200;
 // In the library's own hosts file only; the test certificate covers
 // *.wild.test, so HTTPS is verified against this name too.
 const char kHost[] = "quarry.wild.test";
@@ -159,6 +162,7 @@ class ConcurrentTransfers : public ::testing::Test {
       urls_[t][kHttps] = url("https", nginx_->port("https"), "/files/" + name);
       urls_[t][kFtp] = url("ftp", vsftpd_->port("ftp"), "/pub/" + name);
       urls_[t][kTftp] = url("tftp", tftpd_->port("tftp"), "/" + name);
+      sources_[t] = dir_.write("src-" + std::to_string(t) + ".bin", content_[t]);
     }
   }
   void TearDown() override { dl_exit(); }
@@ -221,6 +225,8 @@ class ConcurrentTransfers : public ::testing::Test {
     ASSERT_NO_FATAL_FAILURE(rewrite_resolver_files(n));
   }
 
+  enum Mode { kSave, kStream, kUpload, kModes };
+
   // Fetches |u| into |local| with dl_download, or through dl_open and
   // dl_read when |stream| is set; returns the result and what arrived.
   static int fetch(const std::string &u, const std::string &local, bool stream, std::string *got,
@@ -244,30 +250,73 @@ class ConcurrentTransfers : public ::testing::Test {
     return n;
   }
 
-  // Thread |t|'s transfers [first, last): each protocol in turn, each file
-  // compared with the original and removed.
+  // Uploads thread |t|'s file as |name| over |protocol|; returns the result
+  // and, in |got|, what the server stored (then removed). A TFTP server may
+  // finish writing a moment after its last acknowledgement.
+  int send(int t, int protocol, const std::string &name, std::string *got, std::string *u,
+           dl_error *err) {
+    const char *remote = nullptr;
+    std::string stored;
+    switch (protocol) {
+      case kHttp:
+      case kHttps:
+        *u = url(kProtocolNames[protocol], nginx_->port(kProtocolNames[protocol]),
+                 "/upload/" + name);
+        stored = nginx_->upload_dir() + "/" + name;
+        break;
+      case kFtp:
+        *u = url("ftp", vsftpd_->port("ftp"), "/incoming/");
+        remote = name.c_str();
+        stored = vsftpd_->path("anon/incoming/" + name);
+        break;
+      default:
+        *u = url("tftp", tftpd_->port("tftp"), "/");
+        remote = name.c_str();
+        stored = tftpd_->path("root/" + name);
+        break;
+    }
+    dl_request req = {};
+    req.url = const_cast<char *>(u->c_str());
+    char redirect[512] = "";
+    int rc = dl_upload(&req, sources_[t].c_str(), remote, redirect, err, "", DL_HTTP_PUT, 0);
+    for (int wait = 0; wait < kStoreWaits && rc == 0 && read_file(stored).size() < kFileSize;
+         ++wait) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    *got = read_file(stored);
+    unlink(stored.c_str());
+    return rc;
+  }
+
+  // Thread |t|'s transfers [first, last): each protocol in turn, and over
+  // the rounds of four a download saved to a file, one streamed and an
+  // upload; each file compared with the original and removed.
   void run_transfers(int t, int first, int last) {
     const std::string local = dir_.file("out-" + std::to_string(t) + ".bin");
     for (int i = first; i < last; ++i) {
       const int protocol = (i + t) % kProtocols;
-      const std::string &u = urls_[t][protocol];
-      // Every other round of the four streams instead of saving a file.
-      const bool stream = (i / kProtocols) % 2 != 0;
+      const int mode = (i / kProtocols) % kModes;
+      std::string u = urls_[t][protocol];
       dl_error err = {};
       std::string got;
       const auto start = std::chrono::steady_clock::now();
-      int rc = fetch(u, local, stream, &got, &err);
+      int rc = mode == kUpload
+                   ? send(t, protocol, "up-" + std::to_string(t) + "-" + std::to_string(i) + ".bin",
+                          &got, &u, &err)
+                   : fetch(u, local, mode == kStream, &got, &err);
       spent_ms_[protocol] += static_cast<int>(std::chrono::duration_cast<std::chrono::milliseconds>(
                                                   std::chrono::steady_clock::now() - start)
                                                   .count());
       if (rc == 0 && got == content_[t]) {
         ++done_[protocol];
+        ++done_by_mode_[mode];
         continue;
       }
+      static const char *const kModeNames[kModes] = {"save", "stream", "upload"};
       std::lock_guard<std::mutex> lock(failures_mutex_);
-      failures_.push_back(u + (stream ? " (stream)" : "") + ": result " + std::to_string(rc) + ", code " +
-                          std::to_string(err.code) + " \"" + err.msg + "\", " +
-                          std::to_string(got.size()) + " bytes");
+      failures_.push_back(std::string(kModeNames[mode]) + " " + u + ": result " +
+                          std::to_string(rc) + ", code " + std::to_string(err.code) + " \"" +
+                          err.msg + "\", " + std::to_string(got.size()) + " bytes");
     }
   }
 
@@ -281,7 +330,10 @@ class ConcurrentTransfers : public ::testing::Test {
   std::string client_pem_;
   std::array<std::string, kThreads> content_;
   std::array<std::array<std::string, kProtocols>, kThreads> urls_;
+  // Each thread's file to upload, the same bytes as content_.
+  std::array<std::string, kThreads> sources_;
   std::array<std::atomic<int>, kProtocols> done_{};
+  std::array<std::atomic<int>, kModes> done_by_mode_{};
   // Milliseconds spent in each protocol's transfers, all threads together.
   std::array<std::atomic<int>, kProtocols> spent_ms_{};
   std::mutex failures_mutex_;
@@ -343,6 +395,8 @@ TEST_F(ConcurrentTransfers, EightThreadsWhileSettingsAndResolverFilesChange) {
          kThreads, kTransfers, done_[kHttp].load(), done_[kHttps].load(), done_[kFtp].load(),
          done_[kTftp].load(), failures_.size(), rounds.load(), kHalf, kTransfers, samples[0].fds,
          samples[1].fds, samples[0].heap, samples[1].heap, samples[0].rss_kib, samples[1].rss_kib);
+  printf("saved %d, streamed %d, uploaded %d\n", done_by_mode_[kSave].load(),
+         done_by_mode_[kStream].load(), done_by_mode_[kUpload].load());
   printf("mean time per transfer: http %d ms, https %d ms, ftp %d ms, tftp %d ms\n",
          spent_ms_[kHttp].load() / std::max(done_[kHttp].load(), 1),
          spent_ms_[kHttps].load() / std::max(done_[kHttps].load(), 1),
