@@ -20,7 +20,6 @@
 #include <vector>
 
 #include "quarry.h"
-#include "quarry_internal.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/real_servers.h"
 
