@@ -10,7 +10,7 @@ cd "$(dirname "$0")"
 JOBS=$(nproc 2>/dev/null || echo 2)
 FUZZ_RUNS=${QUARRY_FUZZ_RUNS:-20000}
 # Tests of the library's locking, run again under ThreadSanitizer.
-TSAN_TESTS=(net_dns_concurrency_test)
+TSAN_TESTS=(net_dns_concurrency_test concurrency_transfers_test core_log_concurrency_test lifecycle_options_concurrency_test)
 
 # Real servers must be there: a missing one fails its test instead of skipping.
 export QUARRY_REQUIRE_SERVERS=1

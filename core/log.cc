@@ -2,6 +2,14 @@
 // socket, coloured standard output or an append-only file). A line is
 // formatted into a fixed stack buffer and written with one call; nothing
 // on this path allocates.
+//
+// Threads: transfers log from every caller's thread while the caller may
+// change thresholds or the output, and a failed write reconnects the output
+// from whichever thread saw it fail. Thresholds are read and written
+// atomically; the output (descriptors, type, tag) is only touched under
+// g_log_lock, which is held from formatting to the write, so that no line
+// goes to a descriptor another thread has just closed and two racing
+// reconnects cannot leave a socket behind.
 #include <ctype.h>
 #include <fcntl.h>
 #include <stdarg.h>
@@ -61,6 +69,16 @@ struct LogState {
 };
 
 LogState g_log;
+pthread_mutex_t g_log_lock = PTHREAD_MUTEX_INITIALIZER;
+
+unsigned threshold_of(unsigned module) {
+  return __atomic_load_n(&g_log.module_level[module], __ATOMIC_RELAXED);
+}
+
+void set_threshold(unsigned module, unsigned level) {
+  __atomic_store_n(&g_log.module_level[module], static_cast<unsigned char>(level),
+                   __ATOMIC_RELAXED);
+}
 
 void close_output() {
   if (g_log.log_fd > STDERR_FILENO) close(g_log.log_fd);
@@ -112,7 +130,7 @@ void open_output(const char *path) {
 }
 
 void reset_thresholds(unsigned level) {
-  for (unsigned char &threshold : g_log.module_level) threshold = static_cast<unsigned char>(level);
+  for (unsigned module = 0; module < LIBQ_LOG_MODULES; ++module) set_threshold(module, level);
 }
 
 size_t append(char *buf, size_t used, size_t cap, const char *text, size_t len) {
@@ -145,13 +163,36 @@ void match_key(const char *name, char key[5]) {
   }
 }
 
+// libq_log_init's changes of the engine, under g_log_lock: closes the
+// output, resets the thresholds, takes type, time stamps and tag, and opens
+// the new output. Returns the time stamp flag.
+int set_up_output(const char *tag, int type, int flags, const char *path) {
+  close_output();
+  reset_thresholds(kDefaultThreshold);
+  g_log.output_type = type;
+  g_log.with_time = flags & 1;
+  // A short tag is padded with blanks; nothing past its end is read.
+  bool ended = false;
+  for (int i = 0; i < kTagLen; ++i) {
+    if (tag == nullptr) {
+      g_log.tag[i] = '?';
+      continue;
+    }
+    ended = ended || tag[i] == '\0';
+    g_log.tag[i] = ended ? ' ' : tag[i];
+  }
+  open_output(path);
+  return g_log.with_time;
+}
+
 }  // namespace
 
 extern "C" {
 
 DL_EXPORT int libq_vlog(unsigned module, int level, const char *fmt, va_list ap) {
   if (module >= LIBQ_LOG_MODULES || fmt == nullptr) return -1;
-  if (level > static_cast<int>(g_log.module_level[module])) return 0;
+  if (level > static_cast<int>(threshold_of(module))) return 0;
+  quarry::MutexGuard lock(&g_log_lock);
   if (g_log.log_fd == kNoFd) {
     // The line is dropped; reconnecting now lets the next one through.
     open_output(nullptr);
@@ -232,32 +273,23 @@ DL_EXPORT int libq_log(unsigned module, int level, const char *fmt, ...) {
 }
 
 DL_EXPORT int libq_log_init(const char *tag, int type, int flags, const char *path) {
-  close_output();
-  reset_thresholds(kDefaultThreshold);
-  g_log.output_type = type;
-  g_log.with_time = flags & 1;
-  // A short tag is padded with blanks; nothing past its end is read.
-  bool ended = false;
-  for (int i = 0; i < kTagLen; ++i) {
-    if (tag == nullptr) {
-      g_log.tag[i] = '?';
-      continue;
-    }
-    ended = ended || tag[i] == '\0';
-    g_log.tag[i] = ended ? ' ' : tag[i];
-  }
-  open_output(path);
   char tag_text[kTagLen + 1];
-  memcpy(tag_text, g_log.tag, kTagLen);
+  int with_time;
+  {
+    quarry::MutexGuard lock(&g_log_lock);
+    with_time = set_up_output(tag, type, flags, path);
+    memcpy(tag_text, g_log.tag, kTagLen);
+  }
   tag_text[kTagLen] = '\0';
   libq_log(quarry::kModAny, quarry::kLogEmerg, "%s log :type=%d,time=%d,E=%d,W=%d,N=%d,I=%d,D=%d\n",
-           tag_text, type, g_log.with_time, quarry::kLogError, quarry::kLogWarning,
+           tag_text, type, with_time, quarry::kLogError, quarry::kLogWarning,
            quarry::kLogNotice, quarry::kLogInfo, quarry::kLogDebug);
   return 0;
 }
 
 DL_EXPORT int libq_log_open(unsigned type, const char *path) {
   bool known = type == DL_LOG_TYPE_SYSLOG || type == DL_LOG_TYPE_STDOUT || type == DL_LOG_TYPE_FILE;
+  quarry::MutexGuard lock(&g_log_lock);
   if (known && static_cast<int>(type) != g_log.output_type) {
     close_output();
     g_log.output_type = static_cast<int>(type);
@@ -267,6 +299,7 @@ DL_EXPORT int libq_log_open(unsigned type, const char *path) {
 }
 
 DL_EXPORT int libq_log_exit(void) {
+  quarry::MutexGuard lock(&g_log_lock);
   close_output();
   close_spare();
   reset_thresholds(kDefaultThreshold);
@@ -280,7 +313,7 @@ DL_EXPORT const char *libq_log_name(unsigned module) {
 }
 
 DL_EXPORT int libq_log_get(unsigned module) {
-  return module < LIBQ_LOG_MODULES ? g_log.module_level[module] : -1;
+  return module < LIBQ_LOG_MODULES ? static_cast<int>(threshold_of(module)) : -1;
 }
 
 DL_EXPORT int libq_log_set(unsigned module, unsigned level) {
@@ -292,9 +325,8 @@ DL_EXPORT int libq_log_set(unsigned module, unsigned level) {
     return 0;
   }
   if (module >= LIBQ_LOG_MODULES) return -1;
-  int previous = g_log.module_level[module];
-  g_log.module_level[module] = static_cast<unsigned char>(level);
-  return previous;
+  return __atomic_exchange_n(&g_log.module_level[module], static_cast<unsigned char>(level),
+                             __ATOMIC_RELAXED);
 }
 
 DL_EXPORT int libq_log_set2(const char *name, unsigned level) {

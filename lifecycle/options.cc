@@ -118,7 +118,8 @@ int store_number_option(int id, uint32_t number) {
       g_dl_cfg.data_trace = static_cast<uint16_t>(number);
       return 0;
     case DL_OPT_USE_OWN_RESOLVER:
-      g_dl_cfg.use_own_resolver = number != 0 ? 1 : 0;
+      // Connects read the flag without cfg_lock, atomically: store it so.
+      __atomic_store_n(&g_dl_cfg.use_own_resolver, number != 0 ? 1u : 0u, __ATOMIC_RELAXED);
       return 0;
     default:
       return -1;

@@ -4,7 +4,6 @@
 // compared byte for byte with the server's file.
 #include <gtest/gtest.h>
 
-#include <random>
 #include <string>
 
 #include "quarry.h"
@@ -15,20 +14,6 @@ namespace quarry_test {
 namespace {
 
 constexpr size_t kTwoMiB = 2 * 1024 * 1024;
-
-std::string random_bytes(size_t n, unsigned seed) {
-  std::mt19937 gen(seed);
-  std::string out(n, '\0');
-  for (char &c : out) c = static_cast<char>(gen() & 0xff);
-  return out;
-}
-
-void write_file(const std::string &path, const std::string &content) {
-  FILE *f = fopen(path.c_str(), "wb");
-  ASSERT_NE(f, nullptr) << path;
-  ASSERT_EQ(fwrite(content.data(), 1, content.size(), f), content.size());
-  fclose(f);
-}
 
 class FtpReal : public ::testing::Test {
  protected:

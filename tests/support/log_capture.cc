@@ -1,11 +1,15 @@
 #include "tests/support/log_capture.h"
 
+#include <dirent.h>
 #include <fcntl.h>
+#include <gtest/gtest.h>
+#include <stdio.h>
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <fstream>
+#include <random>
 #include <sstream>
 
 #include "quarry.h"
@@ -100,6 +104,34 @@ std::string read_file(const std::string &path) {
 bool file_exists(const std::string &path) {
   struct stat st;
   return stat(path.c_str(), &st) == 0;
+}
+
+void write_file(const std::string &path, const std::string &content) {
+  FILE *f = fopen(path.c_str(), "wb");
+  if (f == nullptr) {
+    ADD_FAILURE() << "cannot write " << path;
+    return;
+  }
+  if (fwrite(content.data(), 1, content.size(), f) != content.size()) {
+    ADD_FAILURE() << "short write to " << path;
+  }
+  if (fclose(f) != 0) ADD_FAILURE() << "cannot close " << path;
+}
+
+std::string random_bytes(size_t n, unsigned seed) {
+  std::mt19937 gen(seed);
+  std::string out(n, '\0');
+  for (char &c : out) c = static_cast<char>(gen() & 0xff);
+  return out;
+}
+
+int open_descriptors() {
+  DIR *dir = opendir("/proc/self/fd");
+  if (dir == nullptr) return -1;
+  int count = 0;
+  while (readdir(dir) != nullptr) ++count;
+  closedir(dir);
+  return count;
 }
 
 }  // namespace quarry_test

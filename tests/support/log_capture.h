@@ -53,6 +53,13 @@ class TempDir {
 
 std::string read_file(const std::string &path);
 bool file_exists(const std::string &path);
+// Writes |content| to |path| (a test failure when it cannot).
+void write_file(const std::string &path, const std::string &content);
+// |n| bytes from a generator seeded with |seed|: the same for the same seed.
+std::string random_bytes(size_t n, unsigned seed);
+// Descriptors this process has open (counted in /proc/self/fd), -1 when
+// they cannot be counted.
+int open_descriptors();
 
 }  // namespace quarry_test
 
