@@ -187,16 +187,6 @@ TEST(Base64Decode, CharacterOutsideAlphabetCountsAsZeroWithoutError) {
   EXPECT_EQ(capture.text(), "");
 }
 
-TEST(Base64Decode, NullArgumentsAreRefused) {
-  LogCapture capture;
-  unsigned char sentinel = 0;
-  unsigned char *out = &sentinel;
-  EXPECT_EQ(Curl_base64_decode(nullptr, &out), 0u);
-  EXPECT_EQ(out, nullptr);
-  EXPECT_EQ(Curl_base64_decode("YWJj", nullptr), 0u);
-  EXPECT_EQ(capture.count(2, 3, "Invalid Param!\n"), 2);
-}
-
 const DecodeCase kUrlDecodeCases[] = {
     {"FiveCharactersDecodeNothing", {{"YWJjZ", "<null>", 0}}},
     {"MissingPaddingIsAdded", {{"YQ", "a", 1}, {"YWI", "ab", 2}, {"YWJj", "abc", 3}}},
@@ -214,14 +204,31 @@ TEST_P(Base64UrlDecoding, Decodes) { expect_decodes(url_decode, GetParam()); }
 INSTANTIATE_TEST_SUITE_P(Texts, Base64UrlDecoding, ::testing::ValuesIn(kUrlDecodeCases),
                          RowName());
 
-TEST(Base64UrlDecode, NullArgumentsAreRefused) {
+// Each decoder refuses a null text and a null output pointer, logging both.
+struct NullArgumentsCase {
+  const char *name;
+  size_t (*decoder)(const char *, unsigned char **);
+  const char *text;
+};
+
+const NullArgumentsCase kNullArgumentsCases[] = {
+    {"Base64Decode", Curl_base64_decode, "YWJj"},
+    {"Base64UrlDecode", Curl_base64url_decode, "YQ"},
+};
+
+class DecoderNullArguments : public ::testing::TestWithParam<NullArgumentsCase> {};
+
+TEST_P(DecoderNullArguments, AreRefused) {
   LogCapture capture;
   unsigned char sentinel = 0;
   unsigned char *out = &sentinel;
-  EXPECT_EQ(Curl_base64url_decode(nullptr, &out), 0u);
+  EXPECT_EQ(GetParam().decoder(nullptr, &out), 0u);
   EXPECT_EQ(out, nullptr);
-  EXPECT_EQ(Curl_base64url_decode("YQ", nullptr), 0u);
+  EXPECT_EQ(GetParam().decoder(GetParam().text, nullptr), 0u);
   EXPECT_EQ(capture.count(2, 3, "Invalid Param!\n"), 2);
 }
+
+INSTANTIATE_TEST_SUITE_P(Decoders, DecoderNullArguments, ::testing::ValuesIn(kNullArgumentsCases),
+                         RowName());
 
 }  // namespace
