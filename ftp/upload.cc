@@ -136,8 +136,7 @@ DL_EXPORT int dl_ftp_send_open(dl_ftp_conn **out, const char *host, int port, co
                                const char *password, const char *local_path,
                                const char *remote_name, int post_mode, int limit_mode,
                                dl_error *err) {
-  // A plain read under the settings lock: taking it before the argument
-  // checks changes nothing a caller sees.
+  // The size limit the whole open works with, read once.
   const SendRequest request{local_path, remote_name, post_mode, limit_mode,
                             quarry::ftp_settings().max_file_size};
   return quarry::ftp_open(out, host, port, user, password, local_path, true, start_request,

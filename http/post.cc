@@ -61,7 +61,8 @@ DL_EXPORT int dl_http_post_file(dl_http_conn **conn_out, const dl_http_param *pa
   quarry::ExchangeSetup setup;
   setup.file_path = path;
   setup.log_send = true;
-  dl_http_conn *conn = post(conn_out, param, path != nullptr, true, setup, redirect_out, err);
+  dl_http_conn *conn =
+      post(conn_out, param, path != nullptr, /*put_allowed=*/true, setup, redirect_out, err);
   if (conn == nullptr) return -1;
   dl_http_close(conn);
   *conn_out = &g_released_handle;
@@ -74,7 +75,8 @@ DL_EXPORT int dl_http_post_multi_auth(dl_http_conn **conn_out, const dl_http_par
   quarry::ExchangeSetup setup;
   setup.creds = creds;
   setup.creds_count = count;
-  dl_http_conn *conn = post(conn_out, param, true, false, setup, redirect_out, err);
+  dl_http_conn *conn = post(conn_out, param, /*own_args_ok=*/true, /*put_allowed=*/false, setup,
+                             redirect_out, err);
   if (conn == nullptr) return -1;
   *conn_out = conn;
   return 0;
