@@ -19,7 +19,8 @@ using quarry_test::RowName;
 using auth_test::kError;
 using auth_test::kHttp;
 
-constexpr char kLine[] = "Authorization: BroadWorksSIP basic=\"c2VjcmV0\", sipUser=\"NDAwMQ==\"\r\n";
+constexpr char kLine[] =
+    "Authorization: BroadWorksSIP basic=\"c2VjcmV0\", sipUser=\"NDAwMQ==\"\r\n";
 constexpr char kNoLine[] = "<null>";
 
 // One build of the line from a state made of these fields.

@@ -19,7 +19,9 @@ bool ArgWalk::next() {
 
 bool ArgWalk::value(std::string *out) {
   if (i_ + 1 >= argc_) {
-    if (missing_ == Missing::kSay) fprintf(stderr, "quarry: option %s needs a value\n", arg_.c_str());
+    if (missing_ == Missing::kSay) {
+      fprintf(stderr, "quarry: option %s needs a value\n", arg_.c_str());
+    }
     return false;
   }
   *out = argv_[++i_];

@@ -132,7 +132,8 @@ TEST_P(FtpDownloadFault, FailsCleanly) {
   expect_clean_failure(start);
 }
 
-INSTANTIATE_TEST_SUITE_P(Servers, FtpDownloadFault, ::testing::ValuesIn(kDownloadFaults), RowName());
+INSTANTIATE_TEST_SUITE_P(Servers, FtpDownloadFault, ::testing::ValuesIn(kDownloadFaults),
+                         RowName());
 
 // An upload (STOR, the server not having the file) from a misbehaving
 // server: the local file's content, what the control peer does after the
