@@ -162,6 +162,11 @@ int deterministic_key(const char *key_path, const char *subject, int bits, EVP_P
 // owner only, for private keys. Null when it cannot be made.
 BIO *new_private_file(const char *path);
 
+// Writes |x| then |key| as PEM into |out|, skipping a null one, and
+// flushes. False when |out| is null or a step failed; the caller removes
+// what it made.
+bool write_pem(BIO *out, X509 *x, EVP_PKEY *key);
+
 }  // namespace cert
 }  // namespace quarry
 

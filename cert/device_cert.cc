@@ -167,10 +167,7 @@ DL_EXPORT int dl_install_ser_ca_separate(const char *path) {
     return -1;
   }
   BioPtr out(BIO_new_file(partial, "w"));
-  bool written = out && (!x || PEM_write_bio_X509(out.get(), x.get()) == 1) &&
-                 (!key || PEM_write_bio_PrivateKey(out.get(), key.get(), nullptr, nullptr, 0,
-                                                   nullptr, nullptr) == 1) &&
-                 BIO_flush(out.get()) == 1;
+  bool written = write_pem(out.get(), x.get(), key.get());
   out.reset();
   if (!written || rename(partial, device) != 0) {
     ERR_clear_error();

@@ -134,9 +134,7 @@ DL_EXPORT int dl_generate_client_cert(const char *ca_cert_path, const char *ca_k
   }
   // Certificate and key together: readable by the owner only.
   BioPtr out(new_private_file(cert_path));
-  if (!out || PEM_write_bio_X509(out.get(), x.get()) != 1 ||
-      PEM_write_bio_PrivateKey(out.get(), key.get(), nullptr, nullptr, 0, nullptr, nullptr) != 1 ||
-      BIO_flush(out.get()) != 1) {
+  if (!write_pem(out.get(), x.get(), key.get())) {
     ERR_clear_error();
     // A failed generation leaves no half-written certificate behind.
     if (out) (void)unlink(cert_path);

@@ -58,6 +58,13 @@ BIO *new_private_file(const char *path) {
   return bio;
 }
 
+bool write_pem(BIO *out, X509 *x, EVP_PKEY *key) {
+  return out != nullptr && (x == nullptr || PEM_write_bio_X509(out, x) == 1) &&
+         (key == nullptr ||
+          PEM_write_bio_PrivateKey(out, key, nullptr, nullptr, 0, nullptr, nullptr) == 1) &&
+         BIO_flush(out) == 1;
+}
+
 }  // namespace cert
 }  // namespace quarry
 
@@ -95,11 +102,7 @@ DL_EXPORT int dl_cert_write_key(const char *key_path, int unused, EVP_PKEY *key)
   // A private key file is for the owner only.
   BioPtr out(new_private_file(key_path));
   if (!out) return -1;
-  bool written =
-      key == nullptr ||
-      PEM_write_bio_PrivateKey(out.get(), key, nullptr, nullptr, 0, nullptr, nullptr) == 1;
-  written = BIO_flush(out.get()) == 1 && written;
-  if (!written) {
+  if (!write_pem(out.get(), nullptr, key)) {
     // Half a key is no key: nothing is left behind.
     ERR_clear_error();
     out.reset();

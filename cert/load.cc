@@ -70,7 +70,7 @@ bool rewrite_as_pem(const char *path, X509 *x) {
     if (tmp.get() < 0 && errno != EEXIST) break;
   }
   BioPtr out(tmp.get() >= 0 ? BIO_new_fd(tmp.get(), BIO_NOCLOSE) : nullptr);
-  if (!out || PEM_write_bio_X509(out.get(), x) != 1 || BIO_flush(out.get()) != 1) {
+  if (!write_pem(out.get(), x, nullptr)) {
     libq_log(kModCommon, kLogError, "open file err\n");
     if (tmp.get() >= 0) unlink(kTempPem);
     return false;

@@ -44,6 +44,16 @@ function(quarry_add_test name)
   endif()
 endfunction()
 
+# quarry_add_cli_test(NAME SOURCE... [LABELS l...] [LIBS l...]): a test that
+# runs the quarry tool, whose path it is given as QUARRY_CLI.
+function(quarry_add_cli_test name)
+  quarry_add_test(${name} ${ARGN})
+  if(TARGET ${name})
+    target_compile_definitions(${name} PRIVATE QUARRY_CLI="$<TARGET_FILE:quarry_cli>")
+    add_dependencies(${name} quarry_cli)
+  endif()
+endfunction()
+
 # In a cross build the tests run under an emulator (qemu-arm), and so must
 # the quarry tool they start: QUARRY_CLI, the command the tool's tests run,
 # gets the emulator in front once every folder has added its tests.

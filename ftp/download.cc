@@ -1,7 +1,6 @@
 // Downloads: open (SIZE, then RETR), read exactly the announced size, and
 // save to a local file within the size limit.
 #include <errno.h>
-#include <string.h>
 #include <unistd.h>
 
 #include "ftp/ftp_conn.h"
@@ -22,9 +21,10 @@ int read_invalid(dl_error *err) {
   return -1;
 }
 
-// The open's last steps on a live session: SIZE, then RETR. 0, or the
-// failure's code with its line logged.
-int start_retrieval(dl_ftp_conn *conn, const char *remote_path, char *reply) {
+// The open's last steps on a live session: SIZE, then RETR of the remote
+// path |context|. 0, or the failure's code with its line logged.
+int start_retrieval(dl_ftp_conn *conn, const void *context, char *reply) {
+  const char *remote_path = static_cast<const char *>(context);
   ftp_log(quarry::kLogInfo, "Sending size cmd to get file size\n");
   const char *path = remote_path[0] == '/' ? remote_path + 1 : remote_path;
   int ret = ftp_command(conn, "SIZE", path, reply, quarry::kFtpReplySize, kSizeOk,
@@ -85,29 +85,8 @@ extern "C" {
 
 DL_EXPORT int dl_ftp_open(dl_ftp_conn **out, const char *host, int port, const char *user,
                           const char *password, const char *remote_path, dl_error *err) {
-  if (remote_path == nullptr || out == nullptr || host == nullptr || err == nullptr) {
-    ftp_log(kLogError, "Invalid Parameter\n");
-    if (out != nullptr) *out = nullptr;
-    if (err != nullptr) quarry::set_error(err, DL_ERR_PARAM);
-    return -1;
-  }
-  *out = nullptr;
-  if (!quarry::ftp_open_args_ok(host, port)) {
-    quarry::set_error(err, DL_ERR_PARAM);
-    return -1;
-  }
-  memset(err, 0, sizeof(*err));
-  char reply[quarry::kFtpReplySize];
-  int code = 0;
-  quarry::FtpConnPtr conn(
-      quarry::ftp_session_open(host, port, user, password, false, reply, &code));
-  if (conn) code = start_retrieval(conn.get(), remote_path, reply);
-  if (code != 0) {
-    quarry::ftp_fail(err, code, reply);
-    return -1;
-  }
-  *out = conn.release();
-  return 0;
+  return quarry::ftp_open(out, host, port, user, password, remote_path, false, start_retrieval,
+                          remote_path, err);
 }
 
 DL_EXPORT int dl_ftp_read(dl_ftp_conn *conn, void *buf, int len, dl_error *err) {

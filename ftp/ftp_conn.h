@@ -73,16 +73,19 @@ struct FtpSettings {
 };
 FtpSettings ftp_settings();
 
-// Steps shared by both open functions: a live handle for |host|, the
-// control connection, the greeting, the login (with the anonymous
-// fallback, announced only when |announce_fallback|), the passive data
-// connection. Returns the handle, or null with |*code| set and |reply|
-// holding the last reply (kFtpReplySize bytes).
-dl_ftp_conn *ftp_session_open(const char *host, int port, const char *user, const char *password,
-                              bool announce_fallback, char *reply, int *code);
+// The step an open takes once the session is up (SIZE and RETR, or the
+// choice between APPE and STOR), given the open's |context|: 0, or the
+// failure's code with |reply| as ftp_fail reports it.
+using FtpStartStep = int (*)(dl_ftp_conn *conn, const void *context, char *reply);
 
-// Whether an open's common arguments are acceptable; logs the line.
-bool ftp_open_args_ok(const char *host, int port);
+// Both open functions: checks the arguments (|path| is the file the
+// direction cannot do without), then connects, greets, logs in (with the
+// anonymous fallback, announced only when |announce_fallback|), opens the
+// passive data connection and takes |start|. 0 with |*out| the handle, or
+// -1 with |err| filled and |*out| null.
+int ftp_open(dl_ftp_conn **out, const char *host, int port, const char *user,
+             const char *password, const char *path, bool announce_fallback,
+             FtpStartStep start, const void *context, dl_error *err);
 
 // The number after a reply's code ("213 1234"), saturated to 32 bits.
 uint32_t ftp_reply_number(const char *reply);

@@ -31,7 +31,9 @@ int login_with_fallback(dl_ftp_conn *conn, const char *user, const char *passwor
 }  // namespace
 
 namespace quarry {
+namespace {
 
+// Whether an open's common arguments are acceptable; logs the line.
 bool ftp_open_args_ok(const char *host, int port) {
   if (port > kFtpMaxPort || strnlen(host, kFtpHostRoom) >= kFtpHostRoom) {
     ftp_log(kLogError, "Invalid Parameter\n");
@@ -40,6 +42,11 @@ bool ftp_open_args_ok(const char *host, int port) {
   return true;
 }
 
+// Steps shared by both open functions: a live handle for |host|, the
+// control connection, the greeting, the login (with the anonymous
+// fallback, announced only when |announce_fallback|), the passive data
+// connection. Returns the handle, or null with |*code| set and |reply|
+// holding the last reply (kFtpReplySize bytes).
 dl_ftp_conn *ftp_session_open(const char *host, int port, const char *user, const char *password,
                               bool announce_fallback, char *reply, int *code) {
   reply[0] = '\0';
@@ -80,6 +87,35 @@ dl_ftp_conn *ftp_session_open(const char *host, int port, const char *user, cons
     return nullptr;
   }
   return conn.release();
+}
+
+}  // namespace
+
+int ftp_open(dl_ftp_conn **out, const char *host, int port, const char *user,
+             const char *password, const char *path, bool announce_fallback,
+             FtpStartStep start, const void *context, dl_error *err) {
+  if (path == nullptr || out == nullptr || host == nullptr || err == nullptr) {
+    ftp_log(kLogError, "Invalid Parameter\n");
+    if (out != nullptr) *out = nullptr;
+    if (err != nullptr) set_error(err, DL_ERR_PARAM);
+    return -1;
+  }
+  *out = nullptr;
+  if (!ftp_open_args_ok(host, port)) {
+    set_error(err, DL_ERR_PARAM);
+    return -1;
+  }
+  memset(err, 0, sizeof(*err));
+  char reply[kFtpReplySize];
+  int code = 0;
+  FtpConnPtr conn(ftp_session_open(host, port, user, password, announce_fallback, reply, &code));
+  if (conn) code = start(conn.get(), context, reply);
+  if (code != 0) {
+    ftp_fail(err, code, reply);
+    return -1;
+  }
+  *out = conn.release();
+  return 0;
 }
 
 }  // namespace quarry

@@ -1,7 +1,6 @@
 // Uploads: choose between appending and storing, send the local file over
 // the data connection, check the transfer reply.
 #include <errno.h>
-#include <string.h>
 #include <unistd.h>
 
 #include "ftp/ftp_conn.h"
@@ -81,6 +80,26 @@ int start_sending(dl_ftp_conn *conn, const char *local_path, const char *remote,
   return ret;
 }
 
+// What the upload's open step needs of dl_ftp_send_open's arguments.
+struct SendRequest {
+  const char *local_path;
+  const char *remote_name;
+  int post_mode;
+  int limit_mode;
+  uint32_t max_size;
+};
+
+// The open's last steps on a live session, for the SendRequest |context|.
+int start_request(dl_ftp_conn *conn, const void *context, char *reply) {
+  const SendRequest *request = static_cast<const SendRequest *>(context);
+  const char *remote = (request->remote_name != nullptr && request->remote_name[0] != '\0')
+                           ? request->remote_name
+                           : quarry::ftp_upload_name(request->local_path);
+  if (remote[0] == '/') ++remote;
+  return start_sending(conn, request->local_path, remote, request->post_mode,
+                       request->limit_mode, request->max_size, reply);
+}
+
 int send_failed(dl_error *err, int code) {
   quarry::set_error(err, code);
   return -1;
@@ -117,36 +136,11 @@ DL_EXPORT int dl_ftp_send_open(dl_ftp_conn **out, const char *host, int port, co
                                const char *password, const char *local_path,
                                const char *remote_name, int post_mode, int limit_mode,
                                dl_error *err) {
-  if (local_path == nullptr || out == nullptr || host == nullptr || err == nullptr) {
-    ftp_log(kLogError, "Invalid Parameter\n");
-    if (out != nullptr) *out = nullptr;
-    if (err != nullptr) quarry::set_error(err, DL_ERR_PARAM);
-    return -1;
-  }
-  *out = nullptr;
-  if (!quarry::ftp_open_args_ok(host, port)) {
-    quarry::set_error(err, DL_ERR_PARAM);
-    return -1;
-  }
-  memset(err, 0, sizeof(*err));
-  const uint32_t max_size = quarry::ftp_settings().max_file_size;
-  char reply[quarry::kFtpReplySize];
-  int code = 0;
-  quarry::FtpConnPtr conn(
-      quarry::ftp_session_open(host, port, user, password, true, reply, &code));
-  if (conn) {
-    const char *remote = (remote_name != nullptr && remote_name[0] != '\0')
-                             ? remote_name
-                             : quarry::ftp_upload_name(local_path);
-    if (remote[0] == '/') ++remote;
-    code = start_sending(conn.get(), local_path, remote, post_mode, limit_mode, max_size, reply);
-  }
-  if (code != 0) {
-    quarry::ftp_fail(err, code, reply);
-    return -1;
-  }
-  *out = conn.release();
-  return 0;
+  // The size limit the whole open works with, read once.
+  const SendRequest request{local_path, remote_name, post_mode, limit_mode,
+                            quarry::ftp_settings().max_file_size};
+  return quarry::ftp_open(out, host, port, user, password, local_path, true, start_request,
+                          &request, err);
 }
 
 DL_EXPORT int dl_ftp_send(dl_ftp_conn *conn, const char *local_path, dl_error *err) {

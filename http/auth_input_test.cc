@@ -1,18 +1,21 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <vector>
 
 #include "http/auth.h"
 #include "http/auth_test_support.h"
 #include "quarry.h"
 #include "quarry_internal.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/row_name.h"
 
 namespace {
 
 using auth_test::AuthState;
 using auth_test::heap_copy;
 using quarry_test::LogCapture;
+using quarry_test::RowName;
 
 using auth_test::kError;
 using auth_test::kHttp;
@@ -25,175 +28,134 @@ int input(AuthState &state, const std::string &challenge, int proxy = 0) {
   return Curl_input_auth(state.get(), proxy, copy.get());
 }
 
-// ---- scheme word -------------------------------------------------------
+// ---- one challenge ---------------------------------------------------------
 
-TEST(CurlInputAuth, BasicChallengeIsAcceptedAndPicksBasic) {
+// What one field of the parsed state must be, read as text ("<null>" for
+// a missing text, a number in decimal).
+struct FieldIs {
+  std::string (*read)(AuthState &state);
+  std::string want;
+};
+
+std::string picked(AuthState &state) { return std::to_string(state->pick.picked); }
+std::string proxy_picked(AuthState &state) { return std::to_string(state->proxy_pick.picked); }
+std::string nonce(AuthState &state) { return text_or_null(state->digest.nonce); }
+std::string proxy_nonce(AuthState &state) { return text_or_null(state->proxy_digest.nonce); }
+std::string realm(AuthState &state) { return text_or_null(state->digest.realm); }
+std::string opaque(AuthState &state) { return text_or_null(state->digest.opaque); }
+std::string qop(AuthState &state) { return text_or_null(state->digest.qop); }
+std::string algorithm(AuthState &state) { return text_or_null(state->digest.algorithm); }
+std::string stale(AuthState &state) { return std::to_string(state->digest.stale); }
+std::string nc(AuthState &state) { return std::to_string(state->digest.nc); }
+std::string algo(AuthState &state) { return std::to_string(state->digest.algo); }
+
+// One challenge parsed into a fresh state: the result, then each field.
+struct ParseCase {
+  const char *name;
+  std::string challenge;
+  int proxy;
+  int result;
+  std::vector<FieldIs> fields;
+};
+
+const std::string kNull = "<null>";
+
+const ParseCase kParseCases[] = {
+    // The scheme word.
+    {"BasicChallengeIsAcceptedAndPicksBasic", "Basic realm=\"phone\"", 0, DL_AUTH_FINE,
+     {{picked, "1"}}},
+    {"LowerCaseSchemeWordIsAccepted", "digest nonce=\"abc\"", 0, DL_AUTH_FINE,
+     {{picked, "2"}, {nonce, "abc"}}},
+    {"LowerCaseBasicIsAccepted", "basic realm=\"x\"", 0, DL_AUTH_FINE, {{picked, "1"}}},
+    {"WhiteSpaceBeforeSchemeIsSkipped", " \t Digest nonce=\"abc\"", 0, DL_AUTH_FINE,
+     {{picked, "2"}}},
+    {"EmptyValueIsNone", "", 0, DL_AUTH_NONE, {{picked, "0"}}},
+    {"ProxyChallengeFillsProxySideOnly", "Digest nonce=\"pn\"", 1, DL_AUTH_FINE,
+     {{proxy_picked, "2"}, {proxy_nonce, "pn"}, {picked, "0"}, {nonce, kNull}}},
+    // The nonce and the copied values.
+    {"DigestWithoutNonceIsBad", "Digest realm=\"r\", qop=\"auth\"", 0, DL_AUTH_BAD,
+     {{picked, "2"}}},
+    {"DigestWordAloneIsBad", "Digest", 0, DL_AUTH_BAD, {}},
+    {"QuotedValuesAreCopied",
+     "Digest realm=\"testrealm@host.com\", nonce=\"dcd98b71\", opaque=\"5ccc069c\"", 0,
+     DL_AUTH_FINE, {{realm, "testrealm@host.com"}, {nonce, "dcd98b71"}, {opaque, "5ccc069c"}}},
+    {"UnquotedValuesAreCopiedUpToTheComma", "Digest realm=phone, nonce=abc123, opaque=op", 0,
+     DL_AUTH_FINE, {{realm, "phone"}, {nonce, "abc123"}, {opaque, "op"}}},
+    {"UnquotedValueStopsAtLineEnd", "Digest nonce=abc\r\n", 0, DL_AUTH_FINE, {{nonce, "abc"}}},
+    {"PairsWithoutBlankAfterCommaAreRead", "Digest realm=\"r\",nonce=\"n\",opaque=\"o\"", 0,
+     DL_AUTH_FINE, {{realm, "r"}, {nonce, "n"}, {opaque, "o"}}},
+    {"KeysAreComparedIgnoringCase", "Digest NONCE=\"n\", Realm=\"r\"", 0, DL_AUTH_FINE,
+     {{nonce, "n"}, {realm, "r"}}},
+    {"TwoDoubleQuotesCountAsEmptyValue", "Digest realm=\"\", nonce=\"n\"", 0, DL_AUTH_FINE,
+     {{realm, ""}, {nonce, "n"}}},
+    {"UnknownKeysAreIgnored", "Digest domain=\"/dir\", charset=UTF-8, nonce=\"n\"", 0,
+     DL_AUTH_FINE, {{nonce, "n"}, {realm, kNull}}},
+    {"RepeatedKeyKeepsTheLastValue", "Digest nonce=\"first\", nonce=\"second\"", 0, DL_AUTH_FINE,
+     {{nonce, "second"}}},
+    {"LongQuotedValueIsCutTo1023Characters",
+     "Digest realm=\"r\", nonce=\"" + std::string(1500, 'n') + "\"", 0, DL_AUTH_FINE,
+     {{nonce, std::string(1023, 'n')}, {realm, "r"}}},
+    {"LongUnquotedValueIsCutTo1023Characters", "Digest nonce=" + std::string(1500, 'n'), 0,
+     DL_AUTH_FINE, {{nonce, std::string(1023, 'n')}}},
+    {"KeyLongerThan255CharactersEndsTheParse",
+     "Digest " + std::string(300, 'k') + "=\"v\", nonce=\"n\"", 0, DL_AUTH_BAD, {{nonce, kNull}}},
+    {"UnterminatedQuoteEndsAtTheTextEnd", "Digest realm=\"r\", nonce=\"abc", 0, DL_AUTH_FINE,
+     {{nonce, "abc"}}},
+    {"PairWithoutEqualsSignEndsTheParse", "Digest nonce=\"n\", garbage", 0, DL_AUTH_FINE,
+     {{nonce, "n"}}},
+    // Stale.
+    {"StaleTrueSetsStaleAndNonceCount", "Digest nonce=\"n\", stale=true", 0, DL_AUTH_FINE,
+     {{stale, "1"}, {nc, "1"}}},
+    {"StaleFalseLeavesStaleClear", "Digest nonce=\"n\", stale=\"false\"", 0, DL_AUTH_FINE,
+     {{stale, "0"}, {nc, "0"}}},
+    // The algorithm.
+    {"AlgorithmMd5IsKeptAsSent", "Digest nonce=\"n\", algorithm=MD5", 0, DL_AUTH_FINE,
+     {{algo, "0"}, {algorithm, "MD5"}}},
+    {"AlgorithmMd5SessSelectsSessionHash", "Digest nonce=\"n\", algorithm=\"MD5-sess\"", 0,
+     DL_AUTH_FINE, {{algo, "1"}, {algorithm, "MD5-sess"}}},
+    {"AlgorithmIsComparedIgnoringCase", "Digest nonce=\"n\", algorithm=md5-SESS", 0,
+     DL_AUTH_FINE, {{algo, "1"}, {algorithm, "md5-SESS"}}},
+    {"AlgorithmSha256IsBadAlgorithm", "Digest nonce=\"n\", algorithm=SHA-256", 0,
+     DL_AUTH_BADALGO, {}},
+    {"BadAlgorithmStopsBeforeLaterPairs", "Digest algorithm=SHA-256, nonce=\"n\"", 0,
+     DL_AUTH_BADALGO, {{nonce, kNull}}},
+    // qop.
+    {"QuotedQopListChoosesAuth", "Digest nonce=\"n\", qop=\"auth,auth-int\"", 0, DL_AUTH_FINE,
+     {{qop, "auth"}}},
+    {"UnquotedQopListChoosesAuth", "Digest qop=auth,auth-int, realm=\"r\", nonce=\"n\"", 0,
+     DL_AUTH_FINE, {{qop, "auth"}, {realm, "r"}, {nonce, "n"}}},
+    {"UnquotedQopListIsWidenedBeyondItsFirstItem", "Digest qop=auth-int,auth, nonce=\"n\"", 0,
+     DL_AUTH_FINE, {{qop, "auth"}}},
+    {"QopAuthIntAloneChoosesAuthInt", "Digest nonce=\"n\", qop=\"auth-int\"", 0, DL_AUTH_FINE,
+     {{qop, "auth-int"}}},
+    {"QopListWithBlanksChoosesAuth", "Digest nonce=\"n\", qop=\"auth-int, auth\"", 0,
+     DL_AUTH_FINE, {{qop, "auth"}}},
+    {"UnknownQopLeavesQopUnset", "Digest nonce=\"n\", qop=\"auth-conf\"", 0, DL_AUTH_FINE,
+     {{qop, kNull}}},
+};
+
+class CurlInputAuthParse : public ::testing::TestWithParam<ParseCase> {};
+
+TEST_P(CurlInputAuthParse, Parses) {
+  const ParseCase &c = GetParam();
   AuthState state;
-  EXPECT_EQ(DL_AUTH_FINE, input(state, "Basic realm=\"phone\""));
-  EXPECT_EQ(1u, state->pick.picked);
+  EXPECT_EQ(c.result, input(state, c.challenge, c.proxy));
+  for (size_t i = 0; i < c.fields.size(); ++i) {
+    SCOPED_TRACE("field check " + std::to_string(i));
+    EXPECT_EQ(c.fields[i].want, c.fields[i].read(state));
+  }
 }
 
-TEST(CurlInputAuth, LowerCaseSchemeWordIsAccepted) {
-  AuthState state;
-  EXPECT_EQ(DL_AUTH_FINE, input(state, "digest nonce=\"abc\""));
-  EXPECT_EQ(2u, state->pick.picked);
-  EXPECT_EQ("abc", text_or_null(state->digest.nonce));
-}
+INSTANTIATE_TEST_SUITE_P(Challenges, CurlInputAuthParse, ::testing::ValuesIn(kParseCases),
+                         RowName());
 
-TEST(CurlInputAuth, LowerCaseBasicIsAccepted) {
-  AuthState state;
-  EXPECT_EQ(DL_AUTH_FINE, input(state, "basic realm=\"x\""));
-  EXPECT_EQ(1u, state->pick.picked);
-}
-
-TEST(CurlInputAuth, WhiteSpaceBeforeSchemeIsSkipped) {
-  AuthState state;
-  EXPECT_EQ(DL_AUTH_FINE, input(state, " \t Digest nonce=\"abc\""));
-  EXPECT_EQ(2u, state->pick.picked);
-}
+// ---- state before the challenge ----------------------------------------
 
 TEST(CurlInputAuth, OtherSchemeIsNoneAndClearsPicked) {
   AuthState state;
   state->pick.picked = 2;
   EXPECT_EQ(DL_AUTH_NONE, input(state, "NTLM"));
   EXPECT_EQ(0u, state->pick.picked);
-}
-
-TEST(CurlInputAuth, EmptyValueIsNone) {
-  AuthState state;
-  EXPECT_EQ(DL_AUTH_NONE, input(state, ""));
-  EXPECT_EQ(0u, state->pick.picked);
-}
-
-TEST(CurlInputAuth, ProxyChallengeFillsProxySideOnly) {
-  AuthState state;
-  EXPECT_EQ(DL_AUTH_FINE, input(state, "Digest nonce=\"pn\"", 1));
-  EXPECT_EQ(2u, state->proxy_pick.picked);
-  EXPECT_EQ("pn", text_or_null(state->proxy_digest.nonce));
-  EXPECT_EQ(0u, state->pick.picked);
-  EXPECT_EQ(nullptr, state->digest.nonce);
-}
-
-// ---- nonce and copied values -------------------------------------------
-
-TEST(CurlInputAuth, DigestWithoutNonceIsBad) {
-  AuthState state;
-  EXPECT_EQ(DL_AUTH_BAD, input(state, "Digest realm=\"r\", qop=\"auth\""));
-  EXPECT_EQ(2u, state->pick.picked);
-}
-
-TEST(CurlInputAuth, DigestWordAloneIsBad) {
-  AuthState state;
-  EXPECT_EQ(DL_AUTH_BAD, input(state, "Digest"));
-}
-
-TEST(CurlInputAuth, QuotedValuesAreCopied) {
-  AuthState state;
-  EXPECT_EQ(DL_AUTH_FINE, input(state,
-                                "Digest realm=\"testrealm@host.com\", nonce=\"dcd98b71\", "
-                                "opaque=\"5ccc069c\""));
-  EXPECT_EQ("testrealm@host.com", text_or_null(state->digest.realm));
-  EXPECT_EQ("dcd98b71", text_or_null(state->digest.nonce));
-  EXPECT_EQ("5ccc069c", text_or_null(state->digest.opaque));
-}
-
-TEST(CurlInputAuth, UnquotedValuesAreCopiedUpToTheComma) {
-  AuthState state;
-  EXPECT_EQ(DL_AUTH_FINE, input(state, "Digest realm=phone, nonce=abc123, opaque=op"));
-  EXPECT_EQ("phone", text_or_null(state->digest.realm));
-  EXPECT_EQ("abc123", text_or_null(state->digest.nonce));
-  EXPECT_EQ("op", text_or_null(state->digest.opaque));
-}
-
-TEST(CurlInputAuth, UnquotedValueStopsAtLineEnd) {
-  AuthState state;
-  EXPECT_EQ(DL_AUTH_FINE, input(state, "Digest nonce=abc\r\n"));
-  EXPECT_EQ("abc", text_or_null(state->digest.nonce));
-}
-
-TEST(CurlInputAuth, PairsWithoutBlankAfterCommaAreRead) {
-  AuthState state;
-  EXPECT_EQ(DL_AUTH_FINE, input(state, "Digest realm=\"r\",nonce=\"n\",opaque=\"o\""));
-  EXPECT_EQ("r", text_or_null(state->digest.realm));
-  EXPECT_EQ("n", text_or_null(state->digest.nonce));
-  EXPECT_EQ("o", text_or_null(state->digest.opaque));
-}
-
-TEST(CurlInputAuth, KeysAreComparedIgnoringCase) {
-  AuthState state;
-  EXPECT_EQ(DL_AUTH_FINE, input(state, "Digest NONCE=\"n\", Realm=\"r\""));
-  EXPECT_EQ("n", text_or_null(state->digest.nonce));
-  EXPECT_EQ("r", text_or_null(state->digest.realm));
-}
-
-TEST(CurlInputAuth, TwoDoubleQuotesCountAsEmptyValue) {
-  AuthState state;
-  EXPECT_EQ(DL_AUTH_FINE, input(state, "Digest realm=\"\", nonce=\"n\""));
-  EXPECT_EQ("", text_or_null(state->digest.realm));
-  EXPECT_EQ("n", text_or_null(state->digest.nonce));
-}
-
-TEST(CurlInputAuth, UnknownKeysAreIgnored) {
-  AuthState state;
-  EXPECT_EQ(DL_AUTH_FINE, input(state, "Digest domain=\"/dir\", charset=UTF-8, nonce=\"n\""));
-  EXPECT_EQ("n", text_or_null(state->digest.nonce));
-  EXPECT_EQ(nullptr, state->digest.realm);
-}
-
-TEST(CurlInputAuth, RepeatedKeyKeepsTheLastValue) {
-  AuthState state;
-  EXPECT_EQ(DL_AUTH_FINE, input(state, "Digest nonce=\"first\", nonce=\"second\""));
-  EXPECT_EQ("second", text_or_null(state->digest.nonce));
-}
-
-TEST(CurlInputAuth, LongQuotedValueIsCutTo1023Characters) {
-  AuthState state;
-  const std::string nonce(1500, 'n');
-  EXPECT_EQ(DL_AUTH_FINE, input(state, "Digest realm=\"r\", nonce=\"" + nonce + "\""));
-  EXPECT_EQ(std::string(1023, 'n'), text_or_null(state->digest.nonce));
-  EXPECT_EQ("r", text_or_null(state->digest.realm));
-}
-
-TEST(CurlInputAuth, LongUnquotedValueIsCutTo1023Characters) {
-  AuthState state;
-  const std::string nonce(1500, 'n');
-  EXPECT_EQ(DL_AUTH_FINE, input(state, "Digest nonce=" + nonce));
-  EXPECT_EQ(std::string(1023, 'n'), text_or_null(state->digest.nonce));
-}
-
-TEST(CurlInputAuth, KeyLongerThan255CharactersEndsTheParse) {
-  AuthState state;
-  const std::string key(300, 'k');
-  EXPECT_EQ(DL_AUTH_BAD, input(state, "Digest " + key + "=\"v\", nonce=\"n\""));
-  EXPECT_EQ(nullptr, state->digest.nonce);
-}
-
-TEST(CurlInputAuth, UnterminatedQuoteEndsAtTheTextEnd) {
-  AuthState state;
-  EXPECT_EQ(DL_AUTH_FINE, input(state, "Digest realm=\"r\", nonce=\"abc"));
-  EXPECT_EQ("abc", text_or_null(state->digest.nonce));
-}
-
-TEST(CurlInputAuth, PairWithoutEqualsSignEndsTheParse) {
-  AuthState state;
-  EXPECT_EQ(DL_AUTH_FINE, input(state, "Digest nonce=\"n\", garbage"));
-  EXPECT_EQ("n", text_or_null(state->digest.nonce));
-}
-
-// ---- stale and repeated challenges -------------------------------------
-
-TEST(CurlInputAuth, StaleTrueSetsStaleAndNonceCount) {
-  AuthState state;
-  EXPECT_EQ(DL_AUTH_FINE, input(state, "Digest nonce=\"n\", stale=true"));
-  EXPECT_EQ(1, state->digest.stale);
-  EXPECT_EQ(1, state->digest.nc);
-}
-
-TEST(CurlInputAuth, StaleFalseLeavesStaleClear) {
-  AuthState state;
-  EXPECT_EQ(DL_AUTH_FINE, input(state, "Digest nonce=\"n\", stale=\"false\""));
-  EXPECT_EQ(0, state->digest.stale);
-  EXPECT_EQ(0, state->digest.nc);
 }
 
 TEST(CurlInputAuth, RepeatedChallengeWithoutStaleIsBad) {
@@ -217,80 +179,6 @@ TEST(CurlInputAuth, NewChallengeClearsTheOldDigestState) {
   EXPECT_EQ(nullptr, state->digest.opaque);
   EXPECT_EQ(nullptr, state->digest.qop);
   EXPECT_EQ(1, state->digest.nc);
-}
-
-// ---- algorithm ----------------------------------------------------------
-
-TEST(CurlInputAuth, AlgorithmMd5IsKeptAsSent) {
-  AuthState state;
-  EXPECT_EQ(DL_AUTH_FINE, input(state, "Digest nonce=\"n\", algorithm=MD5"));
-  EXPECT_EQ(0, state->digest.algo);
-  EXPECT_EQ("MD5", text_or_null(state->digest.algorithm));
-}
-
-TEST(CurlInputAuth, AlgorithmMd5SessSelectsSessionHash) {
-  AuthState state;
-  EXPECT_EQ(DL_AUTH_FINE, input(state, "Digest nonce=\"n\", algorithm=\"MD5-sess\""));
-  EXPECT_EQ(1, state->digest.algo);
-  EXPECT_EQ("MD5-sess", text_or_null(state->digest.algorithm));
-}
-
-TEST(CurlInputAuth, AlgorithmIsComparedIgnoringCase) {
-  AuthState state;
-  EXPECT_EQ(DL_AUTH_FINE, input(state, "Digest nonce=\"n\", algorithm=md5-SESS"));
-  EXPECT_EQ(1, state->digest.algo);
-  EXPECT_EQ("md5-SESS", text_or_null(state->digest.algorithm));
-}
-
-TEST(CurlInputAuth, AlgorithmSha256IsBadAlgorithm) {
-  AuthState state;
-  EXPECT_EQ(DL_AUTH_BADALGO, input(state, "Digest nonce=\"n\", algorithm=SHA-256"));
-}
-
-TEST(CurlInputAuth, BadAlgorithmStopsBeforeLaterPairs) {
-  AuthState state;
-  EXPECT_EQ(DL_AUTH_BADALGO, input(state, "Digest algorithm=SHA-256, nonce=\"n\""));
-  EXPECT_EQ(nullptr, state->digest.nonce);
-}
-
-// ---- qop ------------------------------------------------------------------
-
-TEST(CurlInputAuth, QuotedQopListChoosesAuth) {
-  AuthState state;
-  EXPECT_EQ(DL_AUTH_FINE, input(state, "Digest nonce=\"n\", qop=\"auth,auth-int\""));
-  EXPECT_EQ("auth", text_or_null(state->digest.qop));
-}
-
-TEST(CurlInputAuth, UnquotedQopListChoosesAuth) {
-  AuthState state;
-  EXPECT_EQ(DL_AUTH_FINE, input(state, "Digest qop=auth,auth-int, realm=\"r\", nonce=\"n\""));
-  EXPECT_EQ("auth", text_or_null(state->digest.qop));
-  EXPECT_EQ("r", text_or_null(state->digest.realm));
-  EXPECT_EQ("n", text_or_null(state->digest.nonce));
-}
-
-TEST(CurlInputAuth, UnquotedQopListIsWidenedBeyondItsFirstItem) {
-  AuthState state;
-  EXPECT_EQ(DL_AUTH_FINE, input(state, "Digest qop=auth-int,auth, nonce=\"n\""));
-  EXPECT_EQ("auth", text_or_null(state->digest.qop));
-}
-
-TEST(CurlInputAuth, QopAuthIntAloneChoosesAuthInt) {
-  AuthState state;
-  EXPECT_EQ(DL_AUTH_FINE, input(state, "Digest nonce=\"n\", qop=\"auth-int\""));
-  EXPECT_EQ("auth-int", text_or_null(state->digest.qop));
-}
-
-TEST(CurlInputAuth, QopListWithBlanksChoosesAuth) {
-  AuthState state;
-  EXPECT_EQ(DL_AUTH_FINE, input(state, "Digest nonce=\"n\", qop=\"auth-int, auth\""));
-  EXPECT_EQ("auth", text_or_null(state->digest.qop));
-}
-
-TEST(CurlInputAuth, UnknownQopLeavesQopUnset) {
-  AuthState state;
-  EXPECT_EQ(DL_AUTH_FINE, input(state, "Digest nonce=\"n\", qop=\"auth-conf\""));
-  EXPECT_EQ(nullptr, state->digest.qop);
 }
 
 TEST(CurlInputAuth, ParsingWritesNoLogLine) {
@@ -317,23 +205,32 @@ TEST(CurlInputAuth, NullValueIsNoneAndLogged) {
 
 // ---- get_all_qop_content ---------------------------------------------------
 
-TEST(GetAllQopContent, WidensUnquotedValueToTheList) {
-  char value[1024] = "auth";
-  EXPECT_EQ(0, get_all_qop_content("qop=auth,auth-int, realm=\"r\"", "qop", value));
-  EXPECT_STREQ("auth,auth-int", value);
+// The value as the pair's parse left it, and what widening makes of it.
+struct QopCase {
+  const char *name;
+  const char *rest;
+  const char *value;
+  const char *want;
+};
+
+const QopCase kQopCases[] = {
+    {"WidensUnquotedValueToTheList", "qop=auth,auth-int, realm=\"r\"", "auth", "auth,auth-int"},
+    {"LastPairLeavesValueAlone", "qop=auth", "auth", "auth"},
+    {"QuotedValueIsLeftAlone", "qop=\"auth,auth-int\", realm=x", "auth,auth-int",
+     "auth,auth-int"},
+};
+
+class GetAllQopContentWidening : public ::testing::TestWithParam<QopCase> {};
+
+TEST_P(GetAllQopContentWidening, Widens) {
+  char value[1024];
+  snprintf(value, sizeof value, "%s", GetParam().value);
+  EXPECT_EQ(0, get_all_qop_content(GetParam().rest, "qop", value));
+  EXPECT_STREQ(GetParam().want, value);
 }
 
-TEST(GetAllQopContent, LastPairLeavesValueAlone) {
-  char value[1024] = "auth";
-  EXPECT_EQ(0, get_all_qop_content("qop=auth", "qop", value));
-  EXPECT_STREQ("auth", value);
-}
-
-TEST(GetAllQopContent, QuotedValueIsLeftAlone) {
-  char value[1024] = "auth,auth-int";
-  EXPECT_EQ(0, get_all_qop_content("qop=\"auth,auth-int\", realm=x", "qop", value));
-  EXPECT_STREQ("auth,auth-int", value);
-}
+INSTANTIATE_TEST_SUITE_P(Values, GetAllQopContentWidening, ::testing::ValuesIn(kQopCases),
+                         RowName());
 
 TEST(GetAllQopContent, WideningStopsAtTheValueBufferEnd) {
   char value[1024];

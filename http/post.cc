@@ -21,11 +21,21 @@ void bad_post(dl_error *err) {
   quarry::set_error(err, DL_ERR_PARAM);
 }
 
-// Runs the exchange of a post and maps the machine's result: the live
-// handle on success, or nullptr once it was given up with the code in
-// |err|.
-dl_http_conn *post(const dl_http_param *param, const quarry::ExchangeSetup &setup,
-                   char *redirect_out, dl_error *err) {
+// Both entry points: checks the arguments every post needs, with
+// |own_args_ok| for the entry point's own and |put_allowed| where PUT may
+// stand for POST, then runs the exchange and maps the machine's result:
+// the live handle on success, or nullptr once it was given up with the
+// code in |err|.
+dl_http_conn *post(dl_http_conn **conn_out, const dl_http_param *param, bool own_args_ok,
+                   bool put_allowed, const quarry::ExchangeSetup &setup, char *redirect_out,
+                   dl_error *err) {
+  if (err == nullptr || param == nullptr || conn_out == nullptr || param->url == nullptr ||
+      !own_args_ok || redirect_out == nullptr ||
+      (param->type != DL_HTTP_POST && !(put_allowed && param->type == DL_HTTP_PUT))) {
+    bad_post(err);
+    return nullptr;
+  }
+  *conn_out = nullptr;
   int result = 0;
   dl_http_conn *conn = quarry::http_exchange(param, setup, redirect_out, err, &result);
   if (conn == nullptr) return nullptr;
@@ -48,17 +58,11 @@ extern "C" {
 
 DL_EXPORT int dl_http_post_file(dl_http_conn **conn_out, const dl_http_param *param,
                                 const char *path, char *redirect_out, dl_error *err) {
-  if (err == nullptr || param == nullptr || conn_out == nullptr || param->url == nullptr ||
-      path == nullptr || redirect_out == nullptr ||
-      (param->type != DL_HTTP_POST && param->type != DL_HTTP_PUT)) {
-    bad_post(err);
-    return -1;
-  }
-  *conn_out = nullptr;
   quarry::ExchangeSetup setup;
   setup.file_path = path;
   setup.log_send = true;
-  dl_http_conn *conn = post(param, setup, redirect_out, err);
+  dl_http_conn *conn =
+      post(conn_out, param, path != nullptr, /*put_allowed=*/true, setup, redirect_out, err);
   if (conn == nullptr) return -1;
   dl_http_close(conn);
   *conn_out = &g_released_handle;
@@ -68,16 +72,11 @@ DL_EXPORT int dl_http_post_file(dl_http_conn **conn_out, const dl_http_param *pa
 DL_EXPORT int dl_http_post_multi_auth(dl_http_conn **conn_out, const dl_http_param *param,
                                       const dl_http_cred *creds, int count, char *redirect_out,
                                       dl_error *err) {
-  if (err == nullptr || param == nullptr || conn_out == nullptr || param->url == nullptr ||
-      redirect_out == nullptr || param->type != DL_HTTP_POST) {
-    bad_post(err);
-    return -1;
-  }
-  *conn_out = nullptr;
   quarry::ExchangeSetup setup;
   setup.creds = creds;
   setup.creds_count = count;
-  dl_http_conn *conn = post(param, setup, redirect_out, err);
+  dl_http_conn *conn = post(conn_out, param, /*own_args_ok=*/true, /*put_allowed=*/false, setup,
+                             redirect_out, err);
   if (conn == nullptr) return -1;
   *conn_out = conn;
   return 0;

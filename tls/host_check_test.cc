@@ -4,15 +4,18 @@
 #include <openssl/x509v3.h>
 
 #include <string>
+#include <vector>
 
 #include "core/core.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/row_name.h"
 #include "tls/tls.h"
 
 namespace {
 
 using quarry::UniqueX509;
 using quarry_test::LogCapture;
+using quarry_test::RowName;
 
 // A certificate with subject CN |cn| (none when empty) and the
 // subjectAltName |san| in openssl's config syntax (none when empty).
@@ -63,72 +66,71 @@ class HostCheck : public ::testing::Test {
   }
 };
 
-TEST_F(HostCheck, DnsNameMatchesWholeHostIgnoringCase) {
-  EXPECT_TRUE(matches("other", "DNS:phone.example.com", "phone.example.com"));
-  EXPECT_TRUE(matches("other", "DNS:Phone.Example.COM", "phone.EXAMPLE.com"));
-  EXPECT_FALSE(matches("other", "DNS:phone.example.com", "phone.example.co"));
-  EXPECT_FALSE(matches("other", "DNS:phone.example.co", "phone.example.com"));
+// One host checked against a certificate with subject CN |cn| and the
+// subjectAltName |san| (see make_cert).
+struct MatchCheck {
+  const char *cn;
+  const char *san;
+  const char *host;
+  bool matches;
+};
+
+// One behaviour: its name and the checks that show it.
+struct MatchCase {
+  const char *name;
+  std::vector<MatchCheck> checks;
+};
+
+const MatchCase kMatchCases[] = {
+    {"DnsNameMatchesWholeHostIgnoringCase",
+     {{"other", "DNS:phone.example.com", "phone.example.com", true},
+      {"other", "DNS:Phone.Example.COM", "phone.EXAMPLE.com", true},
+      {"other", "DNS:phone.example.com", "phone.example.co", false},
+      {"other", "DNS:phone.example.co", "phone.example.com", false}}},
+    {"WildcardStandsForExactlyTheFirstLabel",
+     {{"other", "DNS:*.x.y", "a.x.y", true},
+      {"other", "DNS:*.X.Y", "A.x.y", true},
+      {"other", "DNS:*.x.y", "x.y", false},
+      {"other", "DNS:*.x.y", "b.a.x.y", false},
+      {"other", "DNS:*.x.y", "axy", false}}},
+    {"LaterEntryMatchesAfterOthersFail",
+     {{"other", "DNS:first.test,email:a@b.test,DNS:second.test", "second.test", true}}},
+    {"Ipv4LiteralMatchesItsFourBytesAndIgnoresDnsNames",
+     {{"other", "DNS:localhost,IP:127.0.0.1", "127.0.0.1", true},
+      {"other", "IP:127.0.0.2", "127.0.0.1", false},
+      // A DNS entry spelling the address is no address entry.
+      {"other", "DNS:127.0.0.1", "127.0.0.1", false}}},
+    {"Ipv4LiteralFallsBackToTheCommonNameAsText",
+     {{"127.0.0.1", "DNS:127.0.0.1", "127.0.0.1", true},
+      {"localhost", "DNS:localhost", "127.0.0.1", false}}},
+    {"Ipv6LiteralWithAndWithoutBrackets",
+     {{"other", "IP:::1", "::1", true},
+      {"other", "IP:::1", "[::1]", true},
+      {"other", "IP:::2", "[::1]", false},
+      // Four bytes are no IPv6 address, sixteen no IPv4 one.
+      {"other", "IP:0.0.0.0", "::", false},
+      {"other", "IP:::7f00:1", "127.0.0.1", false}}},
+    {"AddressEntriesDoNotMatchNames", {{"other", "IP:127.0.0.1", "localhost", false}}},
+    {"BracketsWithoutAnAddressMakeAName", {{"[nothing]", "IP:::1", "[nothing]", true}}},
+    {"DottedNameEndingInLettersIsAName", {{"other", "DNS:1.2.3.x", "1.2.3.x", true}}},
+    {"CommonNameWhenNoAlternativeNames",
+     {{"Phone.Test", "", "phone.test", true}, {"phone.test", "", "phone.tes", false}}},
+    {"CommonNameWhenNoAlternativeNameMatched",
+     {{"phone.test", "DNS:other.test", "phone.test", true}}},
+    {"CommonNameWildcardTakesOneLabel",
+     {{"*.x.y", "", "a.x.y", true}, {"*.x.y", "", "x.y", false}, {"*.x.y", "", "b.a.x.y", false}}},
+};
+
+class HostMatch : public HostCheck, public ::testing::WithParamInterface<MatchCase> {};
+
+TEST_P(HostMatch, Checks) {
+  for (const MatchCheck &check : GetParam().checks) {
+    SCOPED_TRACE(std::string("cn ") + check.cn + ", san " + check.san + ", host " + check.host);
+    EXPECT_EQ(matches(check.cn, check.san, check.host), check.matches);
+  }
 }
 
-TEST_F(HostCheck, WildcardStandsForExactlyTheFirstLabel) {
-  EXPECT_TRUE(matches("other", "DNS:*.x.y", "a.x.y"));
-  EXPECT_TRUE(matches("other", "DNS:*.X.Y", "A.x.y"));
-  EXPECT_FALSE(matches("other", "DNS:*.x.y", "x.y"));
-  EXPECT_FALSE(matches("other", "DNS:*.x.y", "b.a.x.y"));
-  EXPECT_FALSE(matches("other", "DNS:*.x.y", "axy"));
-}
-
-TEST_F(HostCheck, LaterEntryMatchesAfterOthersFail) {
-  EXPECT_TRUE(matches("other", "DNS:first.test,email:a@b.test,DNS:second.test", "second.test"));
-}
-
-TEST_F(HostCheck, Ipv4LiteralMatchesItsFourBytesAndIgnoresDnsNames) {
-  EXPECT_TRUE(matches("other", "DNS:localhost,IP:127.0.0.1", "127.0.0.1"));
-  EXPECT_FALSE(matches("other", "IP:127.0.0.2", "127.0.0.1"));
-  // A DNS entry spelling the address is no address entry.
-  EXPECT_FALSE(matches("other", "DNS:127.0.0.1", "127.0.0.1"));
-}
-
-TEST_F(HostCheck, Ipv4LiteralFallsBackToTheCommonNameAsText) {
-  EXPECT_TRUE(matches("127.0.0.1", "DNS:127.0.0.1", "127.0.0.1"));
-  EXPECT_FALSE(matches("localhost", "DNS:localhost", "127.0.0.1"));
-}
-
-TEST_F(HostCheck, Ipv6LiteralWithAndWithoutBrackets) {
-  EXPECT_TRUE(matches("other", "IP:::1", "::1"));
-  EXPECT_TRUE(matches("other", "IP:::1", "[::1]"));
-  EXPECT_FALSE(matches("other", "IP:::2", "[::1]"));
-  // Four bytes are no IPv6 address, sixteen no IPv4 one.
-  EXPECT_FALSE(matches("other", "IP:0.0.0.0", "::"));
-  EXPECT_FALSE(matches("other", "IP:::7f00:1", "127.0.0.1"));
-}
-
-TEST_F(HostCheck, AddressEntriesDoNotMatchNames) {
-  EXPECT_FALSE(matches("other", "IP:127.0.0.1", "localhost"));
-}
-
-TEST_F(HostCheck, BracketsWithoutAnAddressMakeAName) {
-  EXPECT_TRUE(matches("[nothing]", "IP:::1", "[nothing]"));
-}
-
-TEST_F(HostCheck, DottedNameEndingInLettersIsAName) {
-  EXPECT_TRUE(matches("other", "DNS:1.2.3.x", "1.2.3.x"));
-}
-
-TEST_F(HostCheck, CommonNameWhenNoAlternativeNames) {
-  EXPECT_TRUE(matches("Phone.Test", "", "phone.test"));
-  EXPECT_FALSE(matches("phone.test", "", "phone.tes"));
-}
-
-TEST_F(HostCheck, CommonNameWhenNoAlternativeNameMatched) {
-  EXPECT_TRUE(matches("phone.test", "DNS:other.test", "phone.test"));
-}
-
-TEST_F(HostCheck, CommonNameWildcardTakesOneLabel) {
-  EXPECT_TRUE(matches("*.x.y", "", "a.x.y"));
-  EXPECT_FALSE(matches("*.x.y", "", "x.y"));
-  EXPECT_FALSE(matches("*.x.y", "", "b.a.x.y"));
-}
+INSTANTIATE_TEST_SUITE_P(Names, HostMatch, ::testing::ValuesIn(kMatchCases), RowName());
 
 TEST_F(HostCheck, MissingCommonNameIsLoggedAndFails) {
   LogCapture log;
@@ -161,11 +163,16 @@ TEST_F(HostCheck, EmptyDnsEntryIsSkipped) {
 }
 
 TEST_F(HostCheck, AddressLiteralsGetNoServerName) {
-  EXPECT_TRUE(quarry::tls_host_is_address("127.0.0.1"));
-  EXPECT_TRUE(quarry::tls_host_is_address("::1"));
-  EXPECT_FALSE(quarry::tls_host_is_address("[::1]"));
-  EXPECT_FALSE(quarry::tls_host_is_address("localhost"));
-  EXPECT_FALSE(quarry::tls_host_is_address("127.1"));
+  const struct {
+    const char *host;
+    bool is_address;
+  } kHosts[] = {
+      {"127.0.0.1", true}, {"::1", true}, {"[::1]", false}, {"localhost", false}, {"127.1", false},
+  };
+  for (const auto &row : kHosts) {
+    SCOPED_TRACE(row.host);
+    EXPECT_EQ(quarry::tls_host_is_address(row.host), row.is_address);
+  }
 }
 
 }  // namespace

@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "quarry.h"
-#include "tools/cli_options.h"
+#include "tools/arg_walk.h"
 
 namespace quarry_cli {
 
@@ -55,28 +55,22 @@ struct CertArgs {
 };
 
 bool parse(int argc, char **argv, CertArgs *args) {
-  for (int i = 2; i < argc; ++i) {
-    std::string arg = argv[i];
-    auto value = [&](std::string *out) {
-      if (i + 1 >= argc) return false;
-      *out = argv[++i];
-      return true;
-    };
-    std::string number;
+  ArgWalk walk(argc, argv, 2, ArgWalk::Missing::kQuiet);
+  while (walk.next()) {
+    const std::string &arg = walk.arg();
     if (arg == "--trust") {
-      if (!value(&args->trust)) return false;
+      if (!walk.value(&args->trust)) return false;
     } else if (arg == "--device") {
-      if (!value(&args->device)) return false;
+      if (!walk.value(&args->device)) return false;
     } else if (arg == "--ca-dir") {
-      if (!value(&args->ca_dir)) return false;
+      if (!walk.value(&args->ca_dir)) return false;
     } else if (arg == "--ca-file") {
-      if (!value(&args->ca_file)) return false;
+      if (!walk.value(&args->ca_file)) return false;
     } else if (arg == "--bits") {
-      if (!value(&number)) return false;
-      args->bits = atoi(number.c_str());
+      if (!walk.number(&args->bits)) return false;
     } else if (arg == "--set") {
       std::string setting;
-      if (!value(&setting)) return false;
+      if (!walk.value(&setting)) return false;
       args->settings.push_back(setting);
     } else if (arg == "--client") {
       args->client = true;
@@ -84,10 +78,10 @@ bool parse(int argc, char **argv, CertArgs *args) {
       args->advance = true;
     } else if (arg == "--separate") {
       args->separate = true;
-    } else if (arg == "-v" || arg == "--verbose") {
+    } else if (walk.verbose()) {
       args->verbose = true;
-    } else if (arg.size() > 1 && arg[0] == '-') {
-      fprintf(stderr, "quarry: unknown option %s\n", arg.c_str());
+    } else if (arg != "-" && walk.unknown()) {
+      // A lone "-" is a word here.
       return false;
     } else {
       args->words.push_back(arg);
@@ -99,20 +93,8 @@ bool parse(int argc, char **argv, CertArgs *args) {
 // Library start-up and the settings of the command line. False (after a
 // message) when a setting is refused.
 bool set_up(const CertArgs &args) {
-  dl_config_init();
-  if (args.verbose) {
-    dl_log_new_init(DL_LOG_TYPE_FILE, 0, "/dev/stderr");
-    dl_set_log_level(0);
-  } else {
-    dl_log_init(0);
-  }
-  for (const std::string &setting : args.settings) {
-    std::string problem;
-    if (!apply_setting(setting, &problem)) {
-      fprintf(stderr, "quarry: --set %s: %s\n", setting.c_str(), problem.c_str());
-      return false;
-    }
-  }
+  start_library(args.verbose);
+  if (!apply_settings(args.settings)) return false;
   if (!args.trust.empty()) {
     // The store appends names to the directory directly.
     std::string dir = args.trust.back() == '/' ? args.trust : args.trust + "/";

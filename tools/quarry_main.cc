@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "quarry.h"
+#include "tools/arg_walk.h"
 #include "tools/cert_cmd.h"
 #include "tools/cli_options.h"
 #include "tools/http_status.h"
@@ -76,49 +77,39 @@ struct Args {
 bool parse_args(int argc, char **argv, Args *args) {
   if (argc < 2) return false;
   args->command = argv[1];
-  for (int i = 2; i < argc; ++i) {
-    std::string arg = argv[i];
-    auto value = [&](std::string *out) {
-      if (i + 1 >= argc) {
-        fprintf(stderr, "quarry: option %s needs a value\n", arg.c_str());
-        return false;
-      }
-      *out = argv[++i];
-      return true;
-    };
+  quarry_cli::ArgWalk walk(argc, argv, 2, quarry_cli::ArgWalk::Missing::kSay);
+  while (walk.next()) {
+    const std::string &arg = walk.arg();
     bool bad = false;
-    if (quarry_cli::parse_tls_option(argc, argv, &i, &args->tls, &bad)) {
+    if (quarry_cli::parse_tls_option(argc, argv, walk.index(), &args->tls, &bad)) {
       if (bad) return false;
     } else if (arg == "-o" || arg == "--output") {
-      if (!value(&args->output)) return false;
+      if (!walk.value(&args->output)) return false;
     } else if (arg == "--user") {
-      if (!value(&args->user)) return false;
+      if (!walk.value(&args->user)) return false;
     } else if (arg == "--password") {
-      if (!value(&args->password)) return false;
+      if (!walk.value(&args->password)) return false;
     } else if (arg == "--proxy") {
-      if (!value(&args->proxy)) return false;
+      if (!walk.value(&args->proxy)) return false;
     } else if (arg == "--name") {
-      if (!value(&args->remote_name)) return false;
+      if (!walk.value(&args->remote_name)) return false;
     } else if (arg == "--header") {
       std::string header;
-      if (!value(&header)) return false;
+      if (!walk.value(&header)) return false;
       args->headers += header + "\r\n";
     } else if (arg == "--set") {
       std::string setting;
-      if (!value(&setting)) return false;
+      if (!walk.value(&setting)) return false;
       args->settings.push_back(setting);
     } else if (arg == "--put") {
       args->put = true;
     } else if (arg == "--append" || arg == "--store") {
       args->ftp_post_mode = arg == "--append" ? 1 : 2;
     } else if (arg == "--limit-mode") {
-      std::string mode;
-      if (!value(&mode)) return false;
-      args->ftp_limit_mode = atoi(mode.c_str());
-    } else if (arg == "-v" || arg == "--verbose") {
+      if (!walk.number(&args->ftp_limit_mode)) return false;
+    } else if (walk.verbose()) {
       args->verbose = true;
-    } else if (!arg.empty() && arg[0] == '-') {
-      fprintf(stderr, "quarry: unknown option %s\n", arg.c_str());
+    } else if (walk.unknown()) {
       return false;
     } else {
       args->positional.push_back(arg);
@@ -147,13 +138,7 @@ int report_failure(const dl_error &err, const std::string &url) {
 }
 
 void set_up_library(const Args &args) {
-  dl_config_init();
-  if (args.verbose) {
-    dl_log_new_init(DL_LOG_TYPE_FILE, 0, "/dev/stderr");
-    dl_set_log_level(0);
-  } else {
-    dl_log_init(0);
-  }
+  quarry_cli::start_library(args.verbose);
   quarry_cli::apply_tls_options(args.tls);
 }
 
@@ -272,13 +257,9 @@ int main(int argc, char **argv) {
   }
 
   set_up_library(args);
-  for (const std::string &setting : args.settings) {
-    std::string problem;
-    if (!quarry_cli::apply_setting(setting, &problem)) {
-      fprintf(stderr, "quarry: --set %s: %s\n", setting.c_str(), problem.c_str());
-      dl_exit();
-      return kExitUsage;
-    }
+  if (!quarry_cli::apply_settings(args.settings)) {
+    dl_exit();
+    return kExitUsage;
   }
   int status = args.command == "get" ? run_get(args) : run_put(args);
   dl_exit();

@@ -12,6 +12,7 @@
 #include <string>
 
 #include "quarry.h"
+#include "tools/arg_walk.h"
 
 namespace quarry_cli {
 
@@ -55,23 +56,19 @@ bool parse_type(const std::string &text, int *type) {
 
 bool parse(int argc, char **argv, ResolveArgs *args) {
   int positional = 0;
-  for (int i = 0; i < argc; ++i) {
-    std::string arg = argv[i];
-    bool has_value = i + 1 < argc;
-    if (arg == "--resolv" && has_value) {
-      args->resolv = argv[++i];
-    } else if (arg == "--hosts" && has_value) {
-      args->hosts = argv[++i];
-    } else if (arg == "--timeout" && has_value) {
-      args->timeout_s = atoi(argv[++i]);
+  // An option without its value is taken for an unknown one.
+  ArgWalk walk(argc, argv, 0, ArgWalk::Missing::kQuiet);
+  while (walk.next()) {
+    const std::string &arg = walk.arg();
+    if (arg == "--resolv" && walk.value(&args->resolv)) continue;
+    if (arg == "--hosts" && walk.value(&args->hosts)) continue;
+    if (arg == "--timeout" && walk.number(&args->timeout_s)) {
       if (args->timeout_s < 1) return false;
-    } else if (arg == "--passes" && has_value) {
-      args->passes = atoi(argv[++i]);
+    } else if (arg == "--passes" && walk.number(&args->passes)) {
       if (args->passes < 1) return false;
-    } else if (arg == "-v" || arg == "--verbose") {
+    } else if (walk.verbose()) {
       args->verbose = true;
-    } else if (!arg.empty() && arg[0] == '-') {
-      fprintf(stderr, "quarry: unknown option %s\n", arg.c_str());
+    } else if (walk.unknown()) {
       return false;
     } else if (positional == 0) {
       args->name = arg;
@@ -104,13 +101,7 @@ void print_answer(const dns_answer &answer, int type) {
 int run_resolve(int argc, char **argv) {
   ResolveArgs args;
   if (!parse(argc, argv, &args)) return usage();
-  dl_config_init();
-  if (args.verbose) {
-    dl_log_new_init(DL_LOG_TYPE_FILE, 0, "/dev/stderr");
-    dl_set_log_level(0);
-  } else {
-    dl_log_init(0);
-  }
+  start_library(args.verbose);
   if (!args.resolv.empty()) dl_set_option(DL_OPT_RESOLV_CONF_PATH, args.resolv.c_str());
   if (!args.hosts.empty()) dl_set_option(DL_OPT_HOSTS_PATH, args.hosts.c_str());
   // What a connect does first: files named above are read now.

@@ -7,6 +7,7 @@
 #include <string.h>
 
 #include "quarry.h"
+#include "tools/arg_walk.h"
 
 namespace quarry_cli {
 namespace {
@@ -40,13 +41,7 @@ int run_ring(int argc, char **argv) {
   }
   if (count < 1) return ring_usage();
 
-  dl_config_init();
-  if (verbose) {
-    dl_log_new_init(DL_LOG_TYPE_FILE, 0, "/dev/stderr");
-    dl_set_log_level(0);
-  } else {
-    dl_log_init(0);
-  }
+  start_library(verbose);
   int32_t ring = -1;
   char path[kPathRoom] = "";
   const int found =

@@ -2,14 +2,17 @@
 #include <stdlib.h>
 
 #include <string>
+#include <vector>
 
 #include "quarry.h"
 #include "quarry_internal.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/row_name.h"
 
 namespace {
 
 using quarry_test::LogCapture;
+using quarry_test::RowName;
 
 std::string encode(const std::string &data, size_t len) {
   char *out = nullptr;
@@ -51,28 +54,42 @@ TEST(Base64Encode, TwoBytesEndInOnePad) {
   free(out);
 }
 
-TEST(Base64Encode, OneByteEndsInTwoPads) { EXPECT_EQ(encode("a", 1), "YQ=="); }
+// Encoding |data|'s first |len| bytes (0: up to its first zero byte).
+struct EncodeCheck {
+  std::string data;
+  size_t len;
+  const char *text;
+};
 
-TEST(Base64Encode, Rfc4648Vectors) {
-  EXPECT_EQ(encode("f", 1), "Zg==");
-  EXPECT_EQ(encode("fo", 2), "Zm8=");
-  EXPECT_EQ(encode("foo", 3), "Zm9v");
-  EXPECT_EQ(encode("foob", 4), "Zm9vYg==");
-  EXPECT_EQ(encode("fooba", 5), "Zm9vYmE=");
-  EXPECT_EQ(encode("foobar", 6), "Zm9vYmFy");
+struct EncodeCase {
+  const char *name;
+  std::vector<EncodeCheck> checks;
+};
+
+const EncodeCase kEncodeCases[] = {
+    {"OneByteEndsInTwoPads", {{"a", 1, "YQ=="}}},
+    {"Rfc4648Vectors",
+     {{"f", 1, "Zg=="},
+      {"fo", 2, "Zm8="},
+      {"foo", 3, "Zm9v"},
+      {"foob", 4, "Zm9vYg=="},
+      {"fooba", 5, "Zm9vYmE="},
+      {"foobar", 6, "Zm9vYmFy"}}},
+    {"ZeroLengthMeansZeroTerminatedText", {{"user:pass", 0, "dXNlcjpwYXNz"}}},
+    {"ZeroLengthStopsAtFirstZeroByte", {{std::string("ab\0cd", 5), 0, "YWI="}}},
+    {"ExplicitLengthKeepsZeroBytes", {{std::string("\0\x01\x02\xff", 4), 4, "AAEC/w=="}}},
+};
+
+class Base64Encoding : public ::testing::TestWithParam<EncodeCase> {};
+
+TEST_P(Base64Encoding, Encodes) {
+  for (const EncodeCheck &check : GetParam().checks) {
+    SCOPED_TRACE(check.text);
+    EXPECT_EQ(encode(check.data, check.len), check.text);
+  }
 }
 
-TEST(Base64Encode, ZeroLengthMeansZeroTerminatedText) {
-  EXPECT_EQ(encode("user:pass", 0), "dXNlcjpwYXNz");
-}
-
-TEST(Base64Encode, ZeroLengthStopsAtFirstZeroByte) {
-  EXPECT_EQ(encode(std::string("ab\0cd", 5), 0), "YWI=");
-}
-
-TEST(Base64Encode, ExplicitLengthKeepsZeroBytes) {
-  EXPECT_EQ(encode(std::string("\0\x01\x02\xff", 4), 4), "AAEC/w==");
-}
+INSTANTIATE_TEST_SUITE_P(Texts, Base64Encoding, ::testing::ValuesIn(kEncodeCases), RowName());
 
 TEST(Base64Encode, EmptyStringGivesAllocatedEmptyText) {
   char *out = nullptr;
@@ -113,15 +130,53 @@ TEST(Base64Encode, NullOutputPointerIsRefused) {
   EXPECT_TRUE(capture.has(2, 3, "Invalid Param!\n"));
 }
 
-TEST(Base64Decode, WholeGroupsDecode) {
-  size_t n = 0;
-  EXPECT_EQ(decode("YWJj", &n), "abc");
-  EXPECT_EQ(n, 3u);
-  EXPECT_EQ(decode("Zm9vYmE=", &n), "fooba");
-  EXPECT_EQ(n, 5u);
-  EXPECT_EQ(decode("Zm9vYg==", &n), "foob");
-  EXPECT_EQ(n, 4u);
+// One text decoded: the bytes (or "<null>" for no buffer) and the count
+// returned.
+struct DecodeCheck {
+  const char *text;
+  std::string bytes;
+  size_t count;
+};
+
+struct DecodeCase {
+  const char *name;
+  std::vector<DecodeCheck> checks;
+};
+
+// Each check starts from a count the decoder must overwrite.
+void expect_decodes(std::string (*decoder)(const char *, size_t *), const DecodeCase &c) {
+  for (const DecodeCheck &check : c.checks) {
+    SCOPED_TRACE(check.text);
+    size_t n = 7;
+    EXPECT_EQ(decoder(check.text, &n), check.bytes);
+    EXPECT_EQ(n, check.count);
+  }
 }
+
+const DecodeCase kDecodeCases[] = {
+    {"WholeGroupsDecode", {{"YWJj", "abc", 3}, {"Zm9vYmE=", "fooba", 5}, {"Zm9vYg==", "foob", 4}}},
+    {"UrlSafeCharactersCountAsZero", {{"-_-_", std::string(3, '\0'), 3}}},
+    {"LeadingPadDecodesNothing", {{"=YWJj", "<null>", 0}, {"==", "<null>", 0}}},
+    {"NoWholeGroupDecodesNothing", {{"YWJ", "<null>", 0}}},
+    {"EmptyInputDecodesNothing", {{"", "<null>", 0}}},
+    {"CharactersBeyondWholeGroupsAreIgnored", {{"YWJjZ", "abc", 3}, {"YWJjZGU", "abc", 3}}},
+    // Two data characters and one pad measure three: no whole group.
+    {"PaddingCountsOnlyWhenItCompletesAGroup", {{"YQ=x", "<null>", 0}}},
+    {"TextAfterThePaddingIsIgnored", {{"YQ==YWJj", "a", 1}}},
+    // Measured "YWJ" plus two pads: one group, three bytes less two.
+    {"AtMostTwoPadsCount", {{"YWJ===", "a", 1}, {"Y===", "<null>", 0}}},
+    // "YWJjZA" and one pad measure seven: one group whose three bytes lose
+    // one to the padding count.
+    {"PaddingTrimsTheLastWholeGroupWhereverItFalls", {{"YWJjZA=", "ab", 2}}},
+    // '\n' counts as zero: Y W 0 J -> 011000 010110 000000 001001.
+    {"EmbeddedLineBreakShiftsTheGroupsSilently", {{"YW\nJj", std::string("\x61\x60\x09", 3), 3}}},
+};
+
+class Base64Decoding : public ::testing::TestWithParam<DecodeCase> {};
+
+TEST_P(Base64Decoding, Decodes) { expect_decodes(decode, GetParam()); }
+
+INSTANTIATE_TEST_SUITE_P(Texts, Base64Decoding, ::testing::ValuesIn(kDecodeCases), RowName());
 
 TEST(Base64Decode, CharacterOutsideAlphabetCountsAsZeroWithoutError) {
   LogCapture capture;
@@ -132,136 +187,48 @@ TEST(Base64Decode, CharacterOutsideAlphabetCountsAsZeroWithoutError) {
   EXPECT_EQ(capture.text(), "");
 }
 
-TEST(Base64Decode, UrlSafeCharactersCountAsZero) {
-  size_t n = 0;
-  EXPECT_EQ(decode("-_-_", &n), std::string(3, '\0'));
-  EXPECT_EQ(n, 3u);
-}
+const DecodeCase kUrlDecodeCases[] = {
+    {"FiveCharactersDecodeNothing", {{"YWJjZ", "<null>", 0}}},
+    {"MissingPaddingIsAdded", {{"YQ", "a", 1}, {"YWI", "ab", 2}, {"YWJj", "abc", 3}}},
+    {"PresentPaddingIsAccepted", {{"YQ==", "a", 1}}},
+    {"UsesTheUrlSafeAlphabet", {{"-_8", "\xfb\xff", 2}}},
+    // '+' and '/' are 0 here: 000000 000000 111100 -> 0x00 0x0f.
+    {"StandardOnlyCharactersCountAsZero", {{"+/8", std::string("\x00\x0f", 2), 2}}},
+    {"EmptyInputDecodesNothing", {{"", "<null>", 0}}},
+};
 
-TEST(Base64Decode, LeadingPadDecodesNothing) {
-  size_t n = 7;
-  EXPECT_EQ(decode("=YWJj", &n), "<null>");
-  EXPECT_EQ(n, 0u);
-  EXPECT_EQ(decode("==", &n), "<null>");
-  EXPECT_EQ(n, 0u);
-}
+class Base64UrlDecoding : public ::testing::TestWithParam<DecodeCase> {};
 
-TEST(Base64Decode, NoWholeGroupDecodesNothing) {
-  size_t n = 7;
-  EXPECT_EQ(decode("YWJ", &n), "<null>");
-  EXPECT_EQ(n, 0u);
-}
+TEST_P(Base64UrlDecoding, Decodes) { expect_decodes(url_decode, GetParam()); }
 
-TEST(Base64Decode, EmptyInputDecodesNothing) {
-  size_t n = 7;
-  EXPECT_EQ(decode("", &n), "<null>");
-  EXPECT_EQ(n, 0u);
-}
+INSTANTIATE_TEST_SUITE_P(Texts, Base64UrlDecoding, ::testing::ValuesIn(kUrlDecodeCases),
+                         RowName());
 
-TEST(Base64Decode, CharactersBeyondWholeGroupsAreIgnored) {
-  size_t n = 0;
-  EXPECT_EQ(decode("YWJjZ", &n), "abc");
-  EXPECT_EQ(n, 3u);
-  EXPECT_EQ(decode("YWJjZGU", &n), "abc");
-  EXPECT_EQ(n, 3u);
-}
+// Each decoder refuses a null text and a null output pointer, logging both.
+struct NullArgumentsCase {
+  const char *name;
+  size_t (*decoder)(const char *, unsigned char **);
+  const char *text;
+};
 
-TEST(Base64Decode, PaddingCountsOnlyWhenItCompletesAGroup) {
-  size_t n = 7;
-  // Two data characters and one pad measure three: no whole group.
-  EXPECT_EQ(decode("YQ=x", &n), "<null>");
-  EXPECT_EQ(n, 0u);
-}
+const NullArgumentsCase kNullArgumentsCases[] = {
+    {"Base64Decode", Curl_base64_decode, "YWJj"},
+    {"Base64UrlDecode", Curl_base64url_decode, "YQ"},
+};
 
-TEST(Base64Decode, TextAfterThePaddingIsIgnored) {
-  size_t n = 0;
-  EXPECT_EQ(decode("YQ==YWJj", &n), "a");
-  EXPECT_EQ(n, 1u);
-}
+class DecoderNullArguments : public ::testing::TestWithParam<NullArgumentsCase> {};
 
-TEST(Base64Decode, AtMostTwoPadsCount) {
-  size_t n = 0;
-  // Measured "YWJ" plus two pads: one group, three bytes less two.
-  EXPECT_EQ(decode("YWJ===", &n), "a");
-  EXPECT_EQ(n, 1u);
-  EXPECT_EQ(decode("Y===", &n), "<null>");
-  EXPECT_EQ(n, 0u);
-}
-
-TEST(Base64Decode, PaddingTrimsTheLastWholeGroupWhereverItFalls) {
-  size_t n = 0;
-  // "YWJjZA" and one pad measure seven: one group whose three bytes lose
-  // one to the padding count.
-  EXPECT_EQ(decode("YWJjZA=", &n), "ab");
-  EXPECT_EQ(n, 2u);
-}
-
-TEST(Base64Decode, EmbeddedLineBreakShiftsTheGroupsSilently) {
-  size_t n = 0;
-  // '\n' counts as zero: Y W 0 J -> 011000 010110 000000 001001.
-  EXPECT_EQ(decode("YW\nJj", &n), std::string("\x61\x60\x09", 3));
-  EXPECT_EQ(n, 3u);
-}
-
-TEST(Base64Decode, NullArgumentsAreRefused) {
+TEST_P(DecoderNullArguments, AreRefused) {
   LogCapture capture;
   unsigned char sentinel = 0;
   unsigned char *out = &sentinel;
-  EXPECT_EQ(Curl_base64_decode(nullptr, &out), 0u);
+  EXPECT_EQ(GetParam().decoder(nullptr, &out), 0u);
   EXPECT_EQ(out, nullptr);
-  EXPECT_EQ(Curl_base64_decode("YWJj", nullptr), 0u);
+  EXPECT_EQ(GetParam().decoder(GetParam().text, nullptr), 0u);
   EXPECT_EQ(capture.count(2, 3, "Invalid Param!\n"), 2);
 }
 
-TEST(Base64UrlDecode, FiveCharactersDecodeNothing) {
-  size_t n = 7;
-  EXPECT_EQ(url_decode("YWJjZ", &n), "<null>");
-  EXPECT_EQ(n, 0u);
-}
-
-TEST(Base64UrlDecode, MissingPaddingIsAdded) {
-  size_t n = 0;
-  EXPECT_EQ(url_decode("YQ", &n), "a");
-  EXPECT_EQ(n, 1u);
-  EXPECT_EQ(url_decode("YWI", &n), "ab");
-  EXPECT_EQ(n, 2u);
-  EXPECT_EQ(url_decode("YWJj", &n), "abc");
-  EXPECT_EQ(n, 3u);
-}
-
-TEST(Base64UrlDecode, PresentPaddingIsAccepted) {
-  size_t n = 0;
-  EXPECT_EQ(url_decode("YQ==", &n), "a");
-  EXPECT_EQ(n, 1u);
-}
-
-TEST(Base64UrlDecode, UsesTheUrlSafeAlphabet) {
-  size_t n = 0;
-  EXPECT_EQ(url_decode("-_8", &n), "\xfb\xff");
-  EXPECT_EQ(n, 2u);
-}
-
-TEST(Base64UrlDecode, StandardOnlyCharactersCountAsZero) {
-  size_t n = 0;
-  // '+' and '/' are 0 here: 000000 000000 111100 -> 0x00 0x0f.
-  EXPECT_EQ(url_decode("+/8", &n), std::string("\x00\x0f", 2));
-  EXPECT_EQ(n, 2u);
-}
-
-TEST(Base64UrlDecode, EmptyInputDecodesNothing) {
-  size_t n = 7;
-  EXPECT_EQ(url_decode("", &n), "<null>");
-  EXPECT_EQ(n, 0u);
-}
-
-TEST(Base64UrlDecode, NullArgumentsAreRefused) {
-  LogCapture capture;
-  unsigned char sentinel = 0;
-  unsigned char *out = &sentinel;
-  EXPECT_EQ(Curl_base64url_decode(nullptr, &out), 0u);
-  EXPECT_EQ(out, nullptr);
-  EXPECT_EQ(Curl_base64url_decode("YQ", nullptr), 0u);
-  EXPECT_EQ(capture.count(2, 3, "Invalid Param!\n"), 2);
-}
+INSTANTIATE_TEST_SUITE_P(Decoders, DecoderNullArguments, ::testing::ValuesIn(kNullArgumentsCases),
+                         RowName());
 
 }  // namespace

@@ -8,12 +8,14 @@
 #include "quarry.h"
 #include "quarry_internal.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/row_name.h"
 #include "util/util.h"
 
 namespace {
 
 using quarry::run_tool_line;
 using quarry_test::LogCapture;
+using quarry_test::RowName;
 using quarry_test::TempDir;
 
 // A stand-in for the configuration tool: a shell script in a scratch
@@ -28,40 +30,40 @@ class CfgTool : public ::testing::Test {
   TempDir dir_;
 };
 
-TEST_F(CfgTool, ReadsTheFirstLineWithItsNewline) {
-  std::string t = tool("echo \"value-$1-$2\"\necho second\n");
-  char buf[64] = "";
-  EXPECT_EQ(run_tool_line(t.c_str(), "get", "key", buf, sizeof(buf)), 0);
-  EXPECT_STREQ(buf, "value-get-key\n");
+// One line read from a stand-in tool with body |script|, given |first|
+// and |second|, into a buffer holding |before| with |room| bytes offered.
+struct LineCase {
+  const char *name;
+  const char *script;
+  const char *first;
+  const char *second;
+  const char *before;
+  int room;
+  const char *after;
+};
+
+const LineCase kLineCases[] = {
+    {"ReadsTheFirstLineWithItsNewline", "echo \"value-$1-$2\"\necho second\n", "get", "key", "",
+     64, "value-get-key\n"},
+    {"SilentToolLeavesTheBufferAsItWas", "exit 0\n", "get", "key", "previous", 16, "previous"},
+    {"FailingToolIsNoError", "exit 3\n", "get", "key", "previous", 16, "previous"},
+    {"LineIsCutToTheRoomGiven", "echo abcdefgh\n", "a", "b", "", 4, "abc"},
+    {"ArgumentsReachTheShellUnquoted", "echo \"$#:$1:$2:$3\"\n", "one two", "three", "", 64,
+     "3:one:two:three\n"},
+};
+
+class CfgToolLine : public CfgTool, public ::testing::WithParamInterface<LineCase> {};
+
+TEST_P(CfgToolLine, Reads) {
+  const LineCase &c = GetParam();
+  std::string t = tool(c.script);
+  char buf[64];
+  snprintf(buf, sizeof buf, "%s", c.before);
+  EXPECT_EQ(run_tool_line(t.c_str(), c.first, c.second, buf, c.room), 0);
+  EXPECT_STREQ(buf, c.after);
 }
 
-TEST_F(CfgTool, SilentToolLeavesTheBufferAsItWas) {
-  std::string t = tool("exit 0\n");
-  char buf[16] = "previous";
-  EXPECT_EQ(run_tool_line(t.c_str(), "get", "key", buf, sizeof(buf)), 0);
-  EXPECT_STREQ(buf, "previous");
-}
-
-TEST_F(CfgTool, FailingToolIsNoError) {
-  std::string t = tool("exit 3\n");
-  char buf[16] = "previous";
-  EXPECT_EQ(run_tool_line(t.c_str(), "get", "key", buf, sizeof(buf)), 0);
-  EXPECT_STREQ(buf, "previous");
-}
-
-TEST_F(CfgTool, LineIsCutToTheRoomGiven) {
-  std::string t = tool("echo abcdefgh\n");
-  char buf[16] = "";
-  EXPECT_EQ(run_tool_line(t.c_str(), "a", "b", buf, 4), 0);
-  EXPECT_STREQ(buf, "abc");
-}
-
-TEST_F(CfgTool, ArgumentsReachTheShellUnquoted) {
-  std::string t = tool("echo \"$#:$1:$2:$3\"\n");
-  char buf[64] = "";
-  EXPECT_EQ(run_tool_line(t.c_str(), "one two", "three", buf, sizeof(buf)), 0);
-  EXPECT_STREQ(buf, "3:one:two:three\n");
-}
+INSTANTIATE_TEST_SUITE_P(Tools, CfgToolLine, ::testing::ValuesIn(kLineCases), RowName());
 
 TEST_F(CfgTool, CommandIsCutAt511Characters) {
   std::string t = tool("echo ${#2}\n");
