@@ -17,10 +17,9 @@ using quarry::kLogError;
 constexpr int kSizeOk = 213;
 constexpr int kRetrHighestStart = 150;
 constexpr int kPiece = 512;
-// The download's receive buffer, and the stream buffer of a saved file:
-// a 2 MiB file is then a few hundred receives and writes, not thousands.
+// The download's receive buffer: a 2 MiB file is a few hundred receives,
+// not thousands.
 constexpr uint32_t kRxSize = 16384;
-constexpr size_t kFileBuffer = 32768;
 
 int read_invalid(dl_error *err) {
   ftp_log(kLogError, "ftp read with invalid parameter\n");
@@ -200,26 +199,22 @@ DL_EXPORT int dl_ftp_recv_to_file(const char *host, int port, const char *user,
   if (dl_ftp_open(&raw, host, port, user, password, remote_path, err) != 0) return -1;
   quarry::FtpConnPtr conn(raw);
   const char *name = local_path != nullptr ? local_path : quarry::ftp_download_name(remote_path);
-  // Destroyed after the stream that uses it.
-  quarry::UniqueMalloc<char> buffer(static_cast<char *>(malloc(kFileBuffer)));
-  quarry::FilePtr file(fopen(name, "wb"));
-  if (!file) {
+  quarry::SaveStream out;
+  if (!quarry::open_save_stream(name, &out)) {
     // Nothing was created, so nothing is removed: the name may be someone
     // else's file that could not be opened for writing.
     ftp_log(kLogError, "Open file for recv fail!\n");
     return -1;
   }
-  // Without the memory, the stream's own small buffer serves.
-  if (buffer != nullptr) setvbuf(file.get(), buffer.get(), _IOFBF, kFileBuffer);
   const uint32_t max_size = quarry::cfg_read(&dl_config::max_file_size);
-  int ret = copy_to_file(conn.get(), file.get(), max_size, err);
+  int ret = copy_to_file(conn.get(), out.file.get(), max_size, err);
   conn.reset();
-  if (ret == 0 && fclose(file.release()) != 0) {
+  if (ret == 0 && fclose(out.file.release()) != 0) {
     ftp_log(kLogError, "write file error\n");
     ret = save_failed(err, DL_ERR_FAIL);
   }
   if (ret != 0) {
-    file.reset();
+    out.file.reset();
     remove(name);
     return -1;
   }
