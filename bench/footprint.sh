@@ -13,7 +13,9 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 build=${1:-build-bench}
 lib=$build/libquarry.so
-curl_lib=$(ldconfig -p | awk '/libcurl\.so\.4 / {print $NF; exit}')
+# awk reads the whole list: stopping early could leave ldconfig with a
+# broken pipe, which pipefail would turn into a silent exit.
+curl_lib=$(ldconfig -p | awk '/libcurl\.so\.4 / && !found {print $NF; found = 1}')
 for f in "$lib" "$build/bench/fetch_quarry" "$build/bench/fetch_curl" "$build/bench/openssl_only"; do
   [ -e "$f" ] || { echo "missing $f: build the bench targets first (./bench.sh)" >&2; exit 1; }
 done

@@ -1,10 +1,13 @@
 // Downloads: open (SIZE, then RETR), read exactly the announced size, and
 // save to a local file within the size limit.
 #include <errno.h>
+#include <string.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include "ftp/ftp_conn.h"
 #include "net/net.h"
+#include "util/util.h"
 
 namespace {
 
@@ -14,6 +17,9 @@ using quarry::kLogError;
 constexpr int kSizeOk = 213;
 constexpr int kRetrHighestStart = 150;
 constexpr int kPiece = 512;
+// The download's receive buffer: a 2 MiB file is a few hundred receives,
+// not thousands.
+constexpr uint32_t kRxSize = 16384;
 
 int read_invalid(dl_error *err) {
   ftp_log(kLogError, "ftp read with invalid parameter\n");
@@ -79,6 +85,46 @@ int copy_to_file(dl_ftp_conn *conn, FILE *file, uint32_t max_size, dl_error *err
   }
 }
 
+// Hands out up to |len| buffered download bytes.
+uint32_t take_buffered(dl_ftp_conn *conn, char *out, uint32_t len) {
+  uint32_t n = conn->rx_end - conn->rx_start;
+  if (len < n) n = len;
+  if (n > 0) memcpy(out, conn->rx + conn->rx_start, n);
+  conn->rx_start += n;
+  return n;
+}
+
+// The failed read's line: "read error!" for a failed receive, else the
+// wait's "dl_select error!".
+int read_failed(bool receive_failed, int error, dl_error *err) {
+  if (receive_failed) {
+    ftp_log(kLogError, "read error! errno %d\n", error);
+  } else {
+    ftp_log(kLogError, "dl_select error! errno %d\n", error);
+  }
+  quarry::set_error(err, DL_ERR_READ);
+  return -1;
+}
+
+// One receive of at most |len| bytes from the data connection. It waits
+// for the socket only when nothing has arrived yet. Returns the count
+// (above 0), or -1 with the failure logged and in |err|.
+int receive(dl_ftp_conn *conn, void *into, uint32_t len, int timeout_s, dl_error *err) {
+  for (;;) {
+    ssize_t n = recv(conn->data, into, len, MSG_DONTWAIT);
+    if (n > 0) return static_cast<int>(n);
+    // The data connection ended before the announced size: nothing more
+    // can come, and waiting again would only spin.
+    if (n == 0) return read_failed(false, 0, err);
+    if (errno != EAGAIN && errno != EWOULDBLOCK) {
+      return read_failed(true, errno, err);
+    }
+    if (dl_select(conn->data, quarry::kWaitReadable, timeout_s) < 1) {
+      return read_failed(false, errno, err);
+    }
+  }
+}
+
 }  // namespace
 
 extern "C" {
@@ -97,32 +143,33 @@ DL_EXPORT int dl_ftp_read(dl_ftp_conn *conn, void *buf, int len, dl_error *err) 
   uint32_t want = static_cast<uint32_t>(len);
   if (conn->remaining < want) want = conn->remaining;
   if (want == 0) return 0;
-  const int timeout_s = quarry::cfg_read(&dl_config::timeout_s);
   char *bytes = static_cast<char *>(buf);
-  uint32_t got = 0;
-  while (dl_select(conn->data, quarry::kWaitReadable, timeout_s) >= 1) {
-    ssize_t n = read(conn->data, bytes + got, want - got);
-    if (n < 0) {
-      ftp_log(kLogError, "read error! errno %d\n", errno);
-      quarry::set_error(err, DL_ERR_READ);
-      return -1;
-    }
-    // The data connection ended before the announced size: nothing more
-    // can come, and waiting again would only spin.
-    if (n == 0) {
-      ftp_log(kLogError, "dl_select error! errno %d\n", 0);
-      quarry::set_error(err, DL_ERR_READ);
-      return -1;
-    }
-    got += static_cast<uint32_t>(n);
-    if (got == want) {
-      conn->remaining -= want;
-      return static_cast<int>(want);
+  uint32_t got = take_buffered(conn, bytes, want);
+  if (got < want && conn->rx == nullptr) {
+    // Without memory for the buffer, reading directly still works.
+    conn->rx = static_cast<uint8_t *>(malloc(kRxSize));
+  }
+  const int timeout_s = quarry::cfg_read(&dl_config::timeout_s);
+  while (got < want) {
+    // A piece as large as the buffer goes straight to the caller; else
+    // the buffer is filled with what the announced size still allows.
+    uint32_t left = want - got;
+    bool direct = conn->rx == nullptr || left >= kRxSize;
+    uint32_t room = direct ? left : conn->remaining - got;
+    if (room > kRxSize && !direct) room = kRxSize;
+    void *into = direct ? static_cast<void *>(bytes + got) : conn->rx;
+    int n = receive(conn, into, room, timeout_s, err);
+    if (n < 0) return -1;
+    if (direct) {
+      got += static_cast<uint32_t>(n);
+    } else {
+      conn->rx_start = 0;
+      conn->rx_end = static_cast<uint32_t>(n);
+      got += take_buffered(conn, bytes + got, left);
     }
   }
-  ftp_log(kLogError, "dl_select error! errno %d\n", errno);
-  quarry::set_error(err, DL_ERR_READ);
-  return -1;
+  conn->remaining -= want;
+  return static_cast<int>(want);
 }
 
 DL_EXPORT int dl_ftp_recv_to_file(const char *host, int port, const char *user,
@@ -132,22 +179,22 @@ DL_EXPORT int dl_ftp_recv_to_file(const char *host, int port, const char *user,
   if (dl_ftp_open(&raw, host, port, user, password, remote_path, err) != 0) return -1;
   quarry::FtpConnPtr conn(raw);
   const char *name = local_path != nullptr ? local_path : quarry::ftp_download_name(remote_path);
-  quarry::FilePtr file(fopen(name, "wb"));
-  if (!file) {
+  quarry::SaveStream out;
+  if (!quarry::open_save_stream(name, &out)) {
     // Nothing was created, so nothing is removed: the name may be someone
     // else's file that could not be opened for writing.
     ftp_log(kLogError, "Open file for recv fail!\n");
     return -1;
   }
   const uint32_t max_size = quarry::cfg_read(&dl_config::max_file_size);
-  int ret = copy_to_file(conn.get(), file.get(), max_size, err);
+  int ret = copy_to_file(conn.get(), out.file.get(), max_size, err);
   conn.reset();
-  if (ret == 0 && fclose(file.release()) != 0) {
+  if (ret == 0 && fclose(out.file.release()) != 0) {
     ftp_log(kLogError, "write file error\n");
     ret = save_failed(err, DL_ERR_FAIL);
   }
   if (ret != 0) {
-    file.reset();
+    out.file.reset();
     remove(name);
     return -1;
   }

@@ -24,6 +24,13 @@ struct dl_ftp_conn {
   // once set, nothing closes or uses that number again: it may belong to
   // another connection by then.
   bool data_closed;
+  // Download bytes received and not yet handed out: a read takes them
+  // from here, and the data socket is read in large pieces, so small
+  // reads cost no system call. Allocated by the first read, freed by
+  // dl_ftp_close.
+  uint8_t *rx;
+  uint32_t rx_start;  // first byte not handed out
+  uint32_t rx_end;    // end of the received bytes
 };
 
 namespace quarry {

@@ -129,6 +129,7 @@ DL_EXPORT void dl_ftp_close(dl_ftp_conn *conn) {
   }
   if (conn->control >= kLowestOwnFd) close(conn->control);
   if (conn->data >= kLowestOwnFd && !conn->data_closed) close(conn->data);
+  free(conn->rx);
   memset(conn, 0, sizeof(*conn));
   free(conn);
 }

@@ -88,6 +88,32 @@ TEST_F(BodyRead, WholeResponseAlreadyThereIsReadWithoutWaiting) {
   EXPECT_EQ(spy.select_calls(), 0);
 }
 
+TEST_F(BodyRead, ReplyToARequestIsWaitedForBeforeItIsReceived) {
+  ASSERT_EQ(http_write(handle_.get(), "GET / HTTP/1.1\r\n\r\n", 18), 0);
+  handle_.say("HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok");
+  quarry_test::SyscallSpy spy;
+  head(handle_, "");
+  EXPECT_EQ(body(handle_.get(), 64), "ok");
+  // One wait before the status line's receive; the rest comes from the
+  // buffer.
+  EXPECT_EQ(spy.select_calls(), 1);
+  EXPECT_EQ(handle_.heard(18), "GET / HTTP/1.1\r\n\r\n");
+}
+
+TEST_F(BodyRead, RequestBehindABufferedReplyReadsItWithoutWaiting) {
+  handle_.say(
+      "HTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\nfirst"
+      "HTTP/1.1 202 Accepted\r\nContent-Length: 6\r\n\r\nsecond");
+  head(handle_, "");
+  EXPECT_EQ(body(handle_.get(), 64), "first");
+  quarry_test::SyscallSpy spy;
+  ASSERT_EQ(http_write(handle_.get(), "GET /2 HTTP/1.1\r\n\r\n", 20), 0);
+  ASSERT_EQ(http_read_status(handle_.get()), 202);
+  ASSERT_EQ(quarry::http_read_headers(handle_.get(), 202, &block_size_), 0);
+  EXPECT_EQ(body(handle_.get(), 64), "second");
+  EXPECT_EQ(spy.select_calls(), 0);
+}
+
 TEST_F(BodyRead, LengthBodyInSmallPieces) {
   head(handle_, "HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\n0123456789");
   EXPECT_EQ(body(handle_.get(), 3), "0123456789");

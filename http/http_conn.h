@@ -29,6 +29,9 @@ constexpr uint32_t kHttpRxSize = 16384;
 struct dl_http_rx {
   uint32_t start;  // first byte not handed out
   uint32_t end;    // end of the received bytes
+  // 1 from the sending of a request to the first receive of its reply:
+  // the reply cannot be there yet, so that receive waits first.
+  uint32_t reply_pending;
   uint8_t data[kHttpRxSize];
 };
 
@@ -95,6 +98,12 @@ constexpr uint32_t kHeaderBlockMax = 65536;
 // its CRLF (false when the stream ended first, or on failure).
 int http_read_line_ended(dl_http_conn *conn, int initial_size, int max_size, char *out,
                          int out_room, bool *complete);
+
+// Marks a request as just sent on the plain connection |conn|: its reply
+// cannot have arrived yet, so the first receive for it waits first
+// instead of finding nothing. Bytes still buffered (a pipelined reply)
+// leave the mark off.
+void http_expect_reply(dl_http_conn *conn);
 
 // Reads the header block that follows a status line of |status| into the
 // handle (freeing the previous block; |*block_size| is the block's size

@@ -29,19 +29,23 @@ int wait_mode(int ssl_error) {
   return ssl_error == SSL_ERROR_WANT_WRITE ? kWaitWritable : kWaitReadable;
 }
 
+int select_failed() {
+  libq_log(quarry::kModHttp, quarry::kLogError, "Select error! errno %d\n", errno);
+  return DL_ERR_READ;
+}
+
 // One recv on the plain socket, repeated on EINTR; it waits for the
-// socket only when nothing has arrived yet. Returns recv's result, or
-// DL_ERR_READ when the wait failed (logged).
-int plain_receive(dl_http_conn *conn, void *buf, int len, int timeout) {
+// socket only when nothing has arrived yet, or first when |wait_first|
+// says that nothing can have. Returns recv's result, or DL_ERR_READ when
+// the wait failed (logged).
+int plain_receive(dl_http_conn *conn, void *buf, int len, int timeout, bool wait_first = false) {
+  if (wait_first && dl_select(conn->sock, kWaitReadable, timeout) < 1) return select_failed();
   for (;;) {
     ssize_t n = recv(conn->sock, buf, static_cast<size_t>(len), MSG_DONTWAIT);
     if (n >= 0) return static_cast<int>(n);
     if (errno == EINTR) continue;
     if (errno != EAGAIN && errno != EWOULDBLOCK) return static_cast<int>(n);
-    if (dl_select(conn->sock, kWaitReadable, timeout) < 1) {
-      libq_log(quarry::kModHttp, quarry::kLogError, "Select error! errno %d\n", errno);
-      return DL_ERR_READ;
-    }
+    if (dl_select(conn->sock, kWaitReadable, timeout) < 1) return select_failed();
   }
 }
 
@@ -93,7 +97,8 @@ int receive_for_line(dl_http_conn *conn, dl_http_rx *rx, int timeout) {
   int room = static_cast<int>(kHttpRxSize - rx->end);
   int n;
   if ((conn->flags & DL_HTTP_TLS) == 0) {
-    n = plain_receive(conn, at, room, timeout);
+    n = plain_receive(conn, at, room, timeout, rx->reply_pending != 0);
+    rx->reply_pending = 0;
   } else if (conn->ssl == nullptr) {
     log_error("context ssl is null\n");
     n = -1;
@@ -111,6 +116,7 @@ dl_http_rx *rx_of(dl_http_conn *conn) {
     if (conn->rx == nullptr) return nullptr;
     conn->rx->start = 0;
     conn->rx->end = 0;
+    conn->rx->reply_pending = 0;
   }
   return conn->rx;
 }
@@ -166,6 +172,11 @@ DL_EXPORT int http_read_line(dl_http_conn *conn, int initial_size, int max_size,
 }  // extern "C"
 
 namespace quarry {
+
+void http_expect_reply(dl_http_conn *conn) {
+  dl_http_rx *rx = rx_of(conn);
+  if (rx != nullptr && rx->start == rx->end) rx->reply_pending = 1;
+}
 
 int http_read_line_ended(dl_http_conn *conn, int initial_size, int max_size, char *out,
                          int out_room, bool *complete) {

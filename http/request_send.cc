@@ -212,7 +212,9 @@ DL_EXPORT int http_write(dl_http_conn *conn, const void *data, int len) {
   }
   const char *bytes = static_cast<const char *>(data);
   if (conn->flags & DL_HTTP_TLS) return write_tls(conn, bytes, len);
-  return write_plain(conn, bytes, len);
+  int ret = write_plain(conn, bytes, len);
+  if (ret == 0) quarry::http_expect_reply(conn);
+  return ret;
 }
 
 DL_EXPORT int http_send_request(dl_http_conn *conn, dl_http_request *req) {

@@ -13,13 +13,8 @@ namespace {
 
 constexpr int kPiece = 512;
 constexpr size_t kMessageRoom = 256;
-// The file takes the body in pieces of 512 bytes; its stream buffer
-// gathers them so that a large body costs few writes.
-constexpr size_t kFileBuffer = 32768;
 
-using quarry::UniqueFile;
 using NamePtr = quarry::UniqueMalloc<char>;
-using BufferPtr = quarry::UniqueMalloc<char>;
 
 void log_total(uint64_t total) {
   libq_log(quarry::kModHttp, quarry::kLogNotice, "recv : %d bytes\n", static_cast<int>(total));
@@ -92,27 +87,23 @@ int save_body(dl_http_conn *conn, const char *url_text, const char *path, dl_err
     }
     path = from_url.get();
   }
-  // Destroyed after the stream that uses it.
-  BufferPtr buffer(static_cast<char *>(malloc(kFileBuffer)));
-  UniqueFile file(fopen(path, "wb"));
-  if (file == nullptr) {
+  quarry::SaveStream out;
+  if (!quarry::open_save_stream(path, &out)) {
     // Nothing was created here, so nothing is removed: the name may be an
     // existing directory or someone else's file.
     libq_log(quarry::kModHttp, quarry::kLogError, "Can't open %s\n", path);
     dl_http_close(conn);
     return -1;
   }
-  // Without the memory, the stream's own small buffer serves.
-  if (buffer != nullptr) setvbuf(file.get(), buffer.get(), _IOFBF, kFileBuffer);
-  int ret = copy_body(conn, file.get(), err);
+  int ret = copy_body(conn, out.file.get(), err);
   dl_http_close(conn);
-  if (ret == 0 && fclose(file.release()) != 0) {
+  if (ret == 0 && fclose(out.file.release()) != 0) {
     quarry::http_log_error("write file error\n");
     quarry::set_error(err, DL_ERR_FAIL);
     ret = -1;
   }
   if (ret != 0) {
-    file.reset();
+    out.file.reset();
     remove(path);
     return -1;
   }

@@ -56,23 +56,23 @@ DL_EXPORT int dl_tftp_recv_to_file(const char *host, int port, const char *remot
   dl_tftp_conn *conn = nullptr;
   if (dl_tftp_open(&conn, host, port, remote_name, err) != 0) return -1;
   const char *path = local_path != nullptr ? local_path : remote_name;
-  quarry::UniqueFile file(fopen(path, "wb"));
-  if (!file) {
+  quarry::SaveStream out;
+  if (!quarry::open_save_stream(path, &out)) {
     libq_log(quarry::kModTftp, quarry::kLogError, "Can't open %s\n", path);
     dl_tftp_close(conn);
     // unlink, not remove: a directory in the way is never taken away.
     unlink(path);
     return -1;
   }
-  int rc = t::copy_to(conn, file.get(), err);
+  int rc = t::copy_to(conn, out.file.get(), err);
   dl_tftp_close(conn);
-  if (rc == 0 && fclose(file.release()) != 0) {
+  if (rc == 0 && fclose(out.file.release()) != 0) {
     t::log_error("write file error\n");
     quarry::set_error(err, DL_ERR_FAIL);
     rc = -1;
   }
   if (rc != 0) {
-    file.reset();
+    out.file.reset();
     unlink(path);
     return -1;
   }

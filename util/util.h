@@ -31,6 +31,25 @@ struct FreeDeleter {
 template <typename T>
 using UniqueMalloc = std::unique_ptr<T, FreeDeleter>;
 
+// A downloaded file being saved. Pieces of 512 bytes reach it; its
+// stream buffer gathers them so that a large file costs few writes.
+constexpr size_t kSaveStreamBuffer = 32768;
+struct SaveStream {
+  UniqueMalloc<char> buffer;  // declared first: outlives the stream
+  UniqueFile file;
+};
+
+// Opens |path| with fopen "wb" into |out|, with the larger buffer when
+// the memory for it is there (the stream's own small one otherwise).
+// Returns false, with |out->file| null, when fopen fails.
+inline bool open_save_stream(const char *path, SaveStream *out) {
+  out->buffer.reset(static_cast<char *>(malloc(kSaveStreamBuffer)));
+  out->file.reset(fopen(path, "wb"));
+  if (!out->file) return false;
+  if (out->buffer) setvbuf(out->file.get(), out->buffer.get(), _IOFBF, kSaveStreamBuffer);
+  return true;
+}
+
 // Runs "<tool> <arg1> <arg2>" through the shell and reads at most one line
 // of its output into |buf| (room |n|), as dl_get_str_cmd does for the
 // configuration tool. Returns 0, or -1 when the command cannot be started

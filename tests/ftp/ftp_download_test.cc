@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <string>
 
 #include "tests/ftp/ftp_peer.h"
@@ -301,6 +302,45 @@ TEST_F(FtpDownload, ReadGivesExactlyTheAskedCountThenTheRest) {
   EXPECT_TRUE(control_.wait(3000));
   EXPECT_TRUE(data_.wait(3000));
   EXPECT_EQ(open_fds(), fds_before_);
+}
+
+TEST_F(FtpDownload, ReadsOfEverySizeGiveTheWholeFileInOrder) {
+  std::string body;
+  for (int i = 0; body.size() < 100000; ++i) body += std::to_string(i) + ",";
+  serve(body);
+  dl_ftp_conn *conn = nullptr;
+  ASSERT_EQ(dl_ftp_open(&conn, "127.0.0.1", control_.port(), nullptr, nullptr, "/f.bin", &err_),
+            0);
+  // Small reads served from what arrived, and reads larger than that.
+  const int sizes[] = {3, 20000, 512, 1, 40000, 7};
+  std::string got;
+  char buf[40000];
+  for (int i = 0;; ++i) {
+    int n = dl_ftp_read(conn, buf, sizes[i % 6], &err_);
+    ASSERT_GE(n, 0) << err_.msg;
+    if (n == 0) break;
+    size_t left = body.size() - got.size();
+    EXPECT_EQ(static_cast<size_t>(n), std::min(left, static_cast<size_t>(sizes[i % 6])));
+    got.append(buf, static_cast<size_t>(n));
+  }
+  EXPECT_TRUE(got == body);
+  dl_ftp_close(conn);
+  EXPECT_TRUE(control_.wait(3000));
+  EXPECT_TRUE(data_.wait(3000));
+  EXPECT_EQ(open_fds(), fds_before_);
+}
+
+TEST_F(FtpDownload, BytesPastTheAnnouncedSizeAreNeverHandedOut) {
+  serve("abcdefghijEXTRA", "213 10");
+  dl_ftp_conn *conn = nullptr;
+  ASSERT_EQ(dl_ftp_open(&conn, "127.0.0.1", control_.port(), nullptr, nullptr, "/f.bin", &err_),
+            0);
+  char buf[64] = {};
+  EXPECT_EQ(dl_ftp_read(conn, buf, 3, &err_), 3);
+  EXPECT_EQ(dl_ftp_read(conn, buf + 3, 60, &err_), 7);
+  EXPECT_EQ(std::string(buf), "abcdefghij");
+  EXPECT_EQ(dl_ftp_read(conn, buf, 60, &err_), 0);
+  dl_ftp_close(conn);
 }
 
 TEST_F(FtpDownload, OpenWithoutLocalFileRoomFailsAndKeepsOthersFiles) {
