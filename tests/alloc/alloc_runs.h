@@ -78,11 +78,11 @@ inline AllocRuns run_alloc_failures(const AllocOp &op) {
   // that an operation of thousands (OpenSSL's) stays quick.
   const long step = total > kEveryUpTo ? (total - kEveryUpTo) / kSpreadRuns + 1 : 1;
   for (long n = 1; n <= kMaxAllocRuns; n += n < kEveryUpTo ? 1 : step) {
-    const int fds = open_fds();
+    const int fds = open_descriptors();
     if (alloc_log_clear()) alloc_log_clear()();
     bool fired = false;
     const int rc = op.run(n, &fired);
-    EXPECT_EQ(open_fds(), fds) << op.name << ": descriptors after failing allocation " << n;
+    EXPECT_EQ(open_descriptors(), fds) << op.name << ": descriptors after failing allocation " << n;
     if (!fired) {
       EXPECT_EQ(rc, 0) << op.name << ": the run without a failure\n" << log_for_failure();
       EXPECT_TRUE(op.ok()) << op.name << ": the run without a failure";

@@ -30,7 +30,7 @@ class HttpFault : public ::testing::Test {
     set_number(DL_OPT_TIMEOUT, kTimeoutS);
     set_number(DL_OPT_IPV6_ENABLE, 0);
     capture_ = std::make_unique<LogCapture>();
-    fds_before_ = open_fds();
+    fds_before_ = open_descriptors();
     target_ = dir_.file("got.bin");
   }
   void TearDown() override {
@@ -58,7 +58,7 @@ class HttpFault : public ::testing::Test {
     EXPECT_EQ(err_.code, code);
     EXPECT_FALSE(file_exists(target_));
     EXPECT_LT(elapsed_, limit_s);
-    EXPECT_EQ(open_fds(), fds_before_);
+    EXPECT_EQ(open_descriptors(), fds_before_);
   }
   // |text| one byte at a time, |gap_ms| apart.
   static Script slowly(const std::string &text, size_t gap_ms) {
@@ -114,7 +114,7 @@ TEST_F(HttpFault, SlowServerInsideTheTimeOutIsServed) {
              slowly("\n\r\n", kSlowGapMs) + slowly("abcd", kSlowGapMs);
   ASSERT_EQ(download(s), 0) << err_.msg;
   EXPECT_EQ(read_file(target_), "abcd");
-  EXPECT_EQ(open_fds(), fds_before_);
+  EXPECT_EQ(open_descriptors(), fds_before_);
 }
 
 TEST_F(HttpFault, ServerSlowerThanTheTimeOut) {

@@ -252,7 +252,7 @@ TEST_F(FtpDownload, DataClosedBeforeTheAnnouncedSizeFailsWithoutSpinning) {
   EXPECT_FALSE(file_exists(local));
   EXPECT_TRUE(control_.wait(3000));
   EXPECT_TRUE(data_.wait(3000));
-  EXPECT_EQ(open_fds(), fds_before_);
+  EXPECT_EQ(open_descriptors(), fds_before_);
 }
 
 TEST_F(FtpDownload, RemotePathWithoutSlashSavesUnderTheQuirkName) {
@@ -301,7 +301,7 @@ TEST_F(FtpDownload, ReadGivesExactlyTheAskedCountThenTheRest) {
   dl_ftp_close(conn);
   EXPECT_TRUE(control_.wait(3000));
   EXPECT_TRUE(data_.wait(3000));
-  EXPECT_EQ(open_fds(), fds_before_);
+  EXPECT_EQ(open_descriptors(), fds_before_);
 }
 
 TEST_F(FtpDownload, ReadsOfEverySizeGiveTheWholeFileInOrder) {
@@ -327,7 +327,7 @@ TEST_F(FtpDownload, ReadsOfEverySizeGiveTheWholeFileInOrder) {
   dl_ftp_close(conn);
   EXPECT_TRUE(control_.wait(3000));
   EXPECT_TRUE(data_.wait(3000));
-  EXPECT_EQ(open_fds(), fds_before_);
+  EXPECT_EQ(open_descriptors(), fds_before_);
 }
 
 TEST_F(FtpDownload, BytesPastTheAnnouncedSizeAreNeverHandedOut) {

@@ -36,7 +36,7 @@ class FtpFault : public FtpPeerTest {
     if (data_.connections() > 0) {
       EXPECT_TRUE(data_.wait(3000));
     }
-    EXPECT_EQ(open_fds(), fds_before_);
+    EXPECT_EQ(open_descriptors(), fds_before_);
   }
 
   TcpPeer control_;
@@ -188,7 +188,7 @@ INSTANTIATE_TEST_SUITE_P(Servers, FtpUploadFault, ::testing::ValuesIn(kUploadFau
 TEST_F(FtpFault, DataConnectionNeverOpenedEndsAtTheTimeout) {
   Listener never(false, 0, 1);
   ASSERT_TRUE(never.fill_backlog());
-  fds_before_ = open_fds();
+  fds_before_ = open_descriptors();
   control_.add(anonymous_session(never.port()) + Script{read_to_end()});
   control_.start();
   auto start = std::chrono::steady_clock::now();
@@ -205,7 +205,7 @@ TEST_F(FtpFault, NothingListeningOnTheControlPort) {
             -1);
   EXPECT_EQ(err_.code, DL_ERR_CONNECT);
   EXPECT_TRUE(logged(3, "Connect Error\n"));
-  EXPECT_EQ(open_fds(), fds_before_);
+  EXPECT_EQ(open_descriptors(), fds_before_);
 }
 
 }  // namespace

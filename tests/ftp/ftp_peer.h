@@ -4,7 +4,6 @@
 #ifndef QUARRY_TESTS_FTP_FTP_PEER_H
 #define QUARRY_TESTS_FTP_FTP_PEER_H
 
-#include <dirent.h>
 #include <stdint.h>
 
 #include <chrono>
@@ -54,16 +53,6 @@ inline std::string anonymous_commands(const std::string &pass_line = "PASS") {
   return "USER anonymous\r\n" + pass_line + "\r\nTYPE I\r\nPASV\r\n";
 }
 
-// Open descriptors of this process.
-inline int open_fds() {
-  int n = 0;
-  DIR *dir = opendir("/proc/self/fd");
-  if (dir == nullptr) return -1;
-  while (readdir(dir) != nullptr) ++n;
-  closedir(dir);
-  return n;
-}
-
 inline void set_number(int id, uint32_t value) { dl_set_option(id, &value); }
 
 // Library set up with a 1 s time-out and logs captured.
@@ -74,7 +63,7 @@ class FtpPeerTest : public ::testing::Test {
     set_number(DL_OPT_TIMEOUT, 1);
     set_number(DL_OPT_IPV6_ENABLE, 0);
     capture_ = std::make_unique<LogCapture>();
-    fds_before_ = open_fds();
+    fds_before_ = open_descriptors();
   }
   void TearDown() override {
     capture_.reset();

@@ -189,7 +189,7 @@ TEST_F(FtpUpload, CloseAfterSendLeavesTheReusedNumberAlone) {
   close(other);
   EXPECT_TRUE(control_.wait(3000));
   EXPECT_TRUE(data_.wait(3000));
-  EXPECT_EQ(open_fds(), fds_before_);
+  EXPECT_EQ(open_descriptors(), fds_before_);
 }
 
 TEST_F(FtpUpload, SendOnAHandleWhoseDataIsClosedIsRefused) {

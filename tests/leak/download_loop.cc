@@ -3,7 +3,6 @@
 // transfer leaks memory or descriptors. "download_loop N https" downloads
 // from an openssl s_server over TLS 1.3 instead, verified with the test
 // PKI, a full handshake each time: no OpenSSL object may be left.
-#include <dirent.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <unistd.h>
@@ -17,14 +16,7 @@
 
 namespace {
 
-int open_descriptors() {
-  int count = 0;
-  DIR *dir = opendir("/proc/self/fd");
-  if (dir == nullptr) return -1;
-  while (readdir(dir) != nullptr) ++count;
-  closedir(dir);
-  return count;
-}
+using quarry_test::open_descriptors;
 
 // Downloads |url| into |path| |rounds| times. False (reported) when one
 // failed; |*leaked| gets the descriptors left open by the loop.
