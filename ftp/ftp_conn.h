@@ -65,14 +65,6 @@ void ftp_log(int level, const char *format, ...) __attribute__((format(printf, 2
 // for DL_ERR_FTP_REPLY, the code's own text otherwise.
 void ftp_fail(dl_error *err, int code, const char *reply);
 
-// The settings an open reads under cfg_lock.
-struct FtpSettings {
-  int timeout_s;
-  int ipv6_enable;
-  uint32_t max_file_size;
-};
-FtpSettings ftp_settings();
-
 // Steps shared by both open functions: a live handle for |host|, the
 // control connection, the greeting, the login (with the anonymous
 // fallback, announced only when |announce_fallback|), the passive data

@@ -129,7 +129,7 @@ DL_EXPORT int dl_ftp_send_open(dl_ftp_conn **out, const char *host, int port, co
     return -1;
   }
   memset(err, 0, sizeof(*err));
-  const uint32_t max_size = quarry::ftp_settings().max_file_size;
+  const uint32_t max_size = quarry::transfer_settings().max_file_size;
   char reply[quarry::kFtpReplySize];
   int code = 0;
   quarry::FtpConnPtr conn(
