@@ -16,6 +16,8 @@ namespace quarry {
 constexpr int kWaitReadable = 1;
 constexpr int kWaitWritable = 2;
 
+constexpr long long kMsPerSecond = 1000;
+
 // Milliseconds on CLOCK_MONOTONIC, for deadlines that the wall clock's
 // steps cannot move.
 long long monotonic_ms();
@@ -27,6 +29,8 @@ long long monotonic_ms();
 // with errno (EBADF for a negative or closed descriptor, EINVAL for a
 // negative time-out). Without a direction it only sleeps.
 int wait_ready(int fd, int mode, long long timeout_ms);
+// The same wait, but a signal ends it: -1 with errno EINTR.
+int wait_once(int fd, int mode, long long timeout_ms);
 
 // DNS query types and class the connect code asks the own resolver for.
 constexpr int kDnsTypeA = 1;

@@ -10,7 +10,6 @@ namespace quarry {
 
 namespace {
 
-constexpr long long kMsPerSecond = 1000;
 constexpr long long kNsPerMs = 1000000;
 
 // The poll events that stand for select's read and write sets, and what
@@ -29,7 +28,11 @@ long long monotonic_ms() {
   return static_cast<long long>(ts.tv_sec) * kMsPerSecond + ts.tv_nsec / kNsPerMs;
 }
 
-int wait_ready(int fd, int mode, long long timeout_ms) {
+namespace {
+
+// The wait of wait_ready and wait_once; |through_signals| says whether an
+// interrupted wait goes on or fails with EINTR.
+int wait_for(int fd, int mode, long long timeout_ms, bool through_signals) {
   if (fd < 0) {
     errno = EBADF;
     return -1;
@@ -53,7 +56,7 @@ int wait_ready(int fd, int mode, long long timeout_ms) {
                    static_cast<long>(left % kMsPerSecond * kNsPerMs)};
     pfd.revents = 0;
     int ret = ppoll(&pfd, count, &ts, nullptr);
-    if (ret < 0 && errno != EINTR) return ret;
+    if (ret < 0 && (errno != EINTR || !through_signals)) return ret;
     if (ret == 0) return 0;
     if (ret > 0) {
       if ((pfd.revents & POLLNVAL) != 0) {
@@ -72,6 +75,16 @@ int wait_ready(int fd, int mode, long long timeout_ms) {
     left = deadline - monotonic_ms();
     if (left < 0) left = 0;
   }
+}
+
+}  // namespace
+
+int wait_ready(int fd, int mode, long long timeout_ms) {
+  return wait_for(fd, mode, timeout_ms, true);
+}
+
+int wait_once(int fd, int mode, long long timeout_ms) {
+  return wait_for(fd, mode, timeout_ms, false);
 }
 
 }  // namespace quarry

@@ -17,7 +17,6 @@ constexpr long long kWaitMs = 3000;
 // Beyond the configured time-out, what the whole handshake may take: a
 // peer that trickles a byte now and then would otherwise hold it forever.
 constexpr long long kExtraBoundMs = 3000;
-constexpr long long kMsPerSecond = 1000;
 
 // The alerts that say the server refused the handshake or a certificate:
 // handshake failure, no, bad, unsupported, revoked, expired or unknown

@@ -16,7 +16,6 @@ class SyscallSpy {
   SyscallSpy(const SyscallSpy &) = delete;
   SyscallSpy &operator=(const SyscallSpy &) = delete;
 
-  int select_calls() const { return select_calls_; }
   // Readiness waits of either kind, select or ppoll.
   int wait_calls() const { return select_calls_ + ppoll_calls_; }
   int socket_calls() const { return socket_calls_; }
