@@ -20,16 +20,6 @@ constexpr short kWriteEvents = POLLOUT | POLLWRNORM | POLLWRBAND;
 constexpr short kReadReady = kReadEvents | POLLHUP | POLLERR;
 constexpr short kWriteReady = kWriteEvents | POLLERR;
 
-}  // namespace
-
-long long monotonic_ms() {
-  timespec ts;
-  clock_gettime(CLOCK_MONOTONIC, &ts);
-  return static_cast<long long>(ts.tv_sec) * kMsPerSecond + ts.tv_nsec / kNsPerMs;
-}
-
-namespace {
-
 // The wait of wait_ready and wait_once; |through_signals| says whether an
 // interrupted wait goes on or fails with EINTR.
 int wait_for(int fd, int mode, long long timeout_ms, bool through_signals) {
@@ -78,6 +68,12 @@ int wait_for(int fd, int mode, long long timeout_ms, bool through_signals) {
 }
 
 }  // namespace
+
+long long monotonic_ms() {
+  timespec ts;
+  clock_gettime(CLOCK_MONOTONIC, &ts);
+  return static_cast<long long>(ts.tv_sec) * kMsPerSecond + ts.tv_nsec / kNsPerMs;
+}
 
 int wait_ready(int fd, int mode, long long timeout_ms) {
   return wait_for(fd, mode, timeout_ms, true);

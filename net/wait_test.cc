@@ -105,6 +105,24 @@ TEST_F(Select, ClosedFarEndIsReadable) {
   EXPECT_EQ(dl_select(fds_[0], kReadable, 1), 1);
 }
 
+TEST(SelectArguments, ModeZeroDoesNotLookAtTheDescriptor) {
+  int fds[2];
+  ASSERT_EQ(pipe(fds), 0);
+  close(fds[0]);
+  close(fds[1]);
+  EXPECT_EQ(dl_select(fds[0], 0, 0), 0);
+}
+
+// A hang-up is news for a reader only: a writer's wait runs to its end.
+TEST(SelectPipe, HungUpReadEndNeverBecomesWritable) {
+  int fds[2];
+  ASSERT_EQ(pipe(fds), 0);
+  close(fds[1]);
+  EXPECT_EQ(dl_select(fds[0], kWritable, 1), 0);
+  EXPECT_EQ(dl_select(fds[0], kReadable | kWritable, 1), 1);
+  close(fds[0]);
+}
+
 // Descriptors from FD_SETSIZE on are waited on like any other.
 class SelectHighDescriptor : public Select {
  protected:
