@@ -1,6 +1,16 @@
 // The process-wide settings record and its small read-only getters.
 #include "core/core.h"
 
+namespace quarry {
+
+TransferSettings transfer_settings() {
+  CfgLock lock;
+  return TransferSettings{g_dl_cfg.timeout_s, g_dl_cfg.ipv6_enable,
+                          g_dl_cfg.use_own_resolver != 0, g_dl_cfg.max_file_size};
+}
+
+}  // namespace quarry
+
 extern "C" {
 
 DL_EXPORT dl_config g_dl_cfg;

@@ -65,6 +65,16 @@ T cfg_read(T dl_config::*field) {
   return g_dl_cfg.*field;
 }
 
+// The settings a transfer starts with, copied under one hold of cfg_lock
+// so that a change made meanwhile cannot mix old and new values.
+struct TransferSettings {
+  int timeout_s;
+  int ipv6_enable;
+  bool use_own_resolver;
+  uint32_t max_file_size;
+};
+TransferSettings transfer_settings();
+
 // Copies a text setting into |dst| (|dst_len| bytes, always terminated)
 // under cfg_lock.
 template <size_t N>

@@ -48,11 +48,6 @@ void ftp_fail(dl_error *err, int code, const char *reply) {
   set_error(err, code);
 }
 
-FtpSettings ftp_settings() {
-  CfgLock lock;
-  return FtpSettings{g_dl_cfg.timeout_s, g_dl_cfg.ipv6_enable, g_dl_cfg.max_file_size};
-}
-
 uint32_t ftp_reply_number(const char *reply) {
   constexpr size_t kCodeAndBlank = 4;
   if (strlen(reply) < kCodeAndBlank) return 0;

@@ -72,14 +72,6 @@ void ftp_log(int level, const char *format, ...) __attribute__((format(printf, 2
 // for DL_ERR_FTP_REPLY, the code's own text otherwise.
 void ftp_fail(dl_error *err, int code, const char *reply);
 
-// The settings an open reads under cfg_lock.
-struct FtpSettings {
-  int timeout_s;
-  int ipv6_enable;
-  uint32_t max_file_size;
-};
-FtpSettings ftp_settings();
-
 // The step an open takes once the session is up (SIZE and RETR, or the
 // choice between APPE and STOR), given the open's |context|: 0, or the
 // failure's code with |reply| as ftp_fail reports it.

@@ -56,7 +56,7 @@ dl_ftp_conn *ftp_session_open(const char *host, int port, const char *user, cons
     return nullptr;
   }
   conn->magic = DL_FTP_MAGIC;
-  const FtpSettings settings = ftp_settings();
+  const TransferSettings settings = transfer_settings();
   snprintf(conn->host, sizeof(conn->host), "%s", host);
 
   int sock = dl_connect(host, port != 0 ? port : kFtpDefaultPort, settings.ipv6_enable,

@@ -138,7 +138,7 @@ DL_EXPORT int dl_ftp_send_open(dl_ftp_conn **out, const char *host, int port, co
                                dl_error *err) {
   // The size limit the whole open works with, read once.
   const SendRequest request{local_path, remote_name, post_mode, limit_mode,
-                            quarry::ftp_settings().max_file_size};
+                            quarry::transfer_settings().max_file_size};
   return quarry::ftp_open(out, host, port, user, password, local_path, true, start_request,
                           &request, err);
 }

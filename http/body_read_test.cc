@@ -85,7 +85,7 @@ TEST_F(BodyRead, WholeResponseAlreadyThereIsReadWithoutWaiting) {
   quarry_test::SyscallSpy spy;
   head(handle_, "");
   EXPECT_EQ(body(handle_.get(), 64), "body");
-  EXPECT_EQ(spy.select_calls(), 0);
+  EXPECT_EQ(spy.wait_calls(), 0);
 }
 
 TEST_F(BodyRead, ReplyToARequestIsWaitedForBeforeItIsReceived) {

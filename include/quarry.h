@@ -432,10 +432,11 @@ DL_EXPORT int dl_connect(const char *host, int port, int ipv6, int timeout_s);
 DL_EXPORT struct addrinfo *dl_look_up_host(const char *host, int ipv6, int socktype);
 
 /* dl_select waits up to |timeout_s| seconds until |fd| is readable (bit 0
- * of |mode|) or writable (bit 1), retrying on EINTR. Returns select's
+ * of |mode|) or writable (bit 1); signals neither end nor stretch the
+ * wait, and descriptors of FD_SETSIZE or above work too. Returns select's
  * result: > 0 ready, 0 timed out, < 0 failed (-1 with errno EBADF for a
- * negative |fd|, EINVAL for one of FD_SETSIZE or above). Logs nothing.
- * Nothing to free. */
+ * negative or closed |fd|, EINVAL for a negative |timeout_s|). Logs
+ * nothing. Nothing to free. */
 DL_EXPORT int dl_select(int fd, int mode, int timeout_s);
 
 /* ===================================================================== */

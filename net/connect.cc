@@ -6,7 +6,6 @@
 #include <netinet/in.h>
 #include <string.h>
 #include <sys/ioctl.h>
-#include <sys/select.h>
 #include <sys/socket.h>
 
 #include <memory>
@@ -35,7 +34,7 @@ using AddrInfoList = std::unique_ptr<addrinfo, AddrInfoFree>;
 
 // What the failure line reports about one attempt.
 struct Attempt {
-  int ret = 0;                    // last result of connect or select
+  int ret = 0;                    // last result of connect or the wait
   int so_error = kErrorNotRead;  // the socket's pending error
 };
 
@@ -69,18 +68,8 @@ bool connect_within(int fd, const sockaddr *sa, socklen_t len, int timeout_s, At
     set_non_blocking(fd, 0);
     return false;
   }
-  if (fd >= FD_SETSIZE) {
-    // select cannot watch it; refuse rather than write past the set.
-    errno = EINVAL;
-    attempt->ret = -1;
-    set_non_blocking(fd, 0);
-    return false;
-  }
-  fd_set writable;
-  FD_ZERO(&writable);
-  FD_SET(fd, &writable);
-  timeval tv = {timeout_s, 0};
-  attempt->ret = select(fd + 1, nullptr, &writable, nullptr, &tv);
+  attempt->ret = quarry::wait_once(fd, quarry::kWaitWritable,
+                                   static_cast<long long>(timeout_s) * quarry::kMsPerSecond);
   if (attempt->ret <= 0) {
     set_non_blocking(fd, 0);
     return false;

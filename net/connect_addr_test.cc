@@ -3,9 +3,11 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
+#include <signal.h>
 #include <sys/resource.h>
 #include <sys/select.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include "net/net_test_support.h"
@@ -18,6 +20,7 @@ namespace {
 const in_addr kLoopback4 = {htonl(INADDR_LOOPBACK)};
 const in6_addr kLoopback6 = IN6ADDR_LOOPBACK_INIT;
 constexpr int kBadFamily = 255;
+constexpr int kSignalAfterUs = 100000;
 
 bool is_open(int fd) { return fcntl(fd, F_GETFD) != -1; }
 
@@ -82,12 +85,27 @@ TEST_F(ConnectAddr, UnansweredConnectTimesOut) {
   EXPECT_TRUE(log().has(kDcmn, kError, connect_failed_line(0, EINPROGRESS, 1, -1)));
 }
 
+TEST_F(ConnectAddr, SignalEndsTheOneWait) {
+  Listener listener(false, 0, 0);
+  ASSERT_TRUE(listener.fill_backlog());
+  struct sigaction action = {};
+  action.sa_handler = [](int) {};
+  sigemptyset(&action.sa_mask);
+  struct sigaction saved = {};
+  ASSERT_EQ(sigaction(SIGALRM, &action, &saved), 0);
+  itimerval once = {{0, 0}, {0, kSignalAfterUs}};
+  ASSERT_EQ(setitimer(ITIMER_REAL, &once, nullptr), 0);
+  EXPECT_EQ(net_connect_addr(AF_INET, &kLoopback4, listener.port(), 5), DL_ERR_CONNECT);
+  sigaction(SIGALRM, &saved, nullptr);
+  EXPECT_TRUE(log().has(kDcmn, kError, connect_failed_line(-1, EINTR, 5, -1)));
+}
+
 TEST_F(ConnectAddr, ImmediateSuccessCountsAsFailure) {
   Listener listener;
   SyscallSpy spy;
   spy.connect_at_once();
   EXPECT_EQ(net_connect_addr(AF_INET, &kLoopback4, listener.port(), 1), DL_ERR_CONNECT);
-  EXPECT_EQ(spy.select_calls(), 0);
+  EXPECT_EQ(spy.wait_calls(), 0);
   EXPECT_TRUE(
       log().has(kDcmn, kError, connect_failed_line(0, spy.errno_after_connect(), 1, -1)));
   // The peer did take the connection.
@@ -102,7 +120,7 @@ TEST_F(ConnectAddr, TimeoutZeroConnectsWithoutSelect) {
   int fd = net_connect_addr(AF_INET, &kLoopback4, listener.port(), 0);
   ASSERT_GT(fd, 0);
   EXPECT_EQ(spy.connect_calls(), 1);
-  EXPECT_EQ(spy.select_calls(), 0);
+  EXPECT_EQ(spy.wait_calls(), 0);
   close(fd);
 }
 
@@ -111,7 +129,7 @@ TEST_F(ConnectAddr, TimeoutAboveZeroWaitsOnce) {
   SyscallSpy spy;
   int fd = net_connect_addr(AF_INET, &kLoopback4, listener.port(), 1);
   ASSERT_GT(fd, 0);
-  EXPECT_EQ(spy.select_calls(), 1);
+  EXPECT_EQ(spy.wait_calls(), 1);
   close(fd);
 }
 
@@ -155,7 +173,7 @@ TEST_F(ConnectAddr, NegativeTimeoutFailsInTheWait) {
   EXPECT_TRUE(log().has(kDcmn, kError, connect_failed_line(-1, EINVAL, -1, -1)));
 }
 
-// select cannot watch descriptors from FD_SETSIZE on.
+// Descriptors from FD_SETSIZE on, which select could not watch.
 class HighDescriptor : public ConnectAddr {
  protected:
   void SetUp() override {
@@ -167,13 +185,21 @@ class HighDescriptor : public ConnectAddr {
   }
 };
 
-TEST_F(HighDescriptor, WaitIsRefusedWithoutTouchingTheSet) {
+TEST_F(HighDescriptor, ConnectIsWaitedFor) {
   Listener listener;
   SyscallSpy spy;
   spy.raise_socket_fd(FD_SETSIZE);
-  EXPECT_EQ(net_connect_addr(AF_INET, &kLoopback4, listener.port(), 1), DL_ERR_CONNECT);
-  EXPECT_EQ(spy.select_calls(), 0);
-  EXPECT_TRUE(log().has(kDcmn, kError, connect_failed_line(-1, EINVAL, 1, -1)));
+  int fd = net_connect_addr(AF_INET, &kLoopback4, listener.port(), 1);
+  EXPECT_GE(fd, FD_SETSIZE);
+  EXPECT_EQ(spy.wait_calls(), 1);
+  if (fd >= 0) close(fd);
+}
+
+TEST_F(HighDescriptor, FailedConnectClosesIt) {
+  SyscallSpy spy;
+  spy.raise_socket_fd(FD_SETSIZE);
+  EXPECT_EQ(net_connect_addr(AF_INET, &kLoopback4, closed_port(), 1), DL_ERR_CONNECT);
+  EXPECT_TRUE(log().has(kDcmn, kError, connect_failed_line(1, EINPROGRESS, 1, ECONNREFUSED)));
   EXPECT_FALSE(is_open(FD_SETSIZE));
 }
 

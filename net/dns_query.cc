@@ -5,7 +5,6 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/select.h>
 #include <sys/socket.h>
 
 #include "net/dns_context.h"
@@ -21,7 +20,7 @@ constexpr uint16_t kIdMask = 0xffff;
 constexpr socklen_t kServerAddrLen = sizeof(sockaddr_storage);
 
 // Failures are only reported: a blocking socket still works, just with
-// the time-out left to select alone.
+// the time-out left to the wait alone.
 void make_non_blocking(int fd) {
   int flags = fcntl(fd, F_GETFL);
   if (flags < 0) {
@@ -33,15 +32,11 @@ void make_non_blocking(int fd) {
   }
 }
 
-// Waits up to |timeout_s| seconds for |fd| to be readable.
+// Waits once, up to |timeout_s| seconds, for |fd| to be readable; a
+// signal ends it as a failed wait.
 bool wait_readable(int fd, int timeout_s) {
-  // select cannot watch it; counted as a wait that failed.
-  if (fd >= FD_SETSIZE) return false;
-  fd_set readable;
-  FD_ZERO(&readable);
-  FD_SET(fd, &readable);
-  timeval tv = {timeout_s, 0};
-  return select(fd + 1, &readable, nullptr, nullptr, &tv) > 0;
+  return quarry::wait_once(fd, quarry::kWaitReadable,
+                           static_cast<long long>(timeout_s) * quarry::kMsPerSecond) > 0;
 }
 
 struct Question {

@@ -7,19 +7,15 @@
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
-#include <poll.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
-#include <atomic>
 #include <chrono>
 #include <functional>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "net/net_test_support.h"
+#include "tests/peer/scripted_peer.h"
 
 namespace quarry_test {
 
@@ -132,47 +128,27 @@ class DnsPeer {
  public:
   using Script = std::function<std::vector<std::string>(const std::string &query)>;
 
-  explicit DnsPeer(Script script, bool v6 = false) : script_(std::move(script)), v6_(v6) {
-    fd_ = socket(v6 ? AF_INET6 : AF_INET, SOCK_DGRAM, 0);
-    sockaddr_storage ss = {};
-    socklen_t len;
-    if (v6) {
-      auto *sin6 = reinterpret_cast<sockaddr_in6 *>(&ss);
-      sin6->sin6_family = AF_INET6;
-      sin6->sin6_addr = in6addr_loopback;
-      len = sizeof(*sin6);
-    } else {
-      auto *sin = reinterpret_cast<sockaddr_in *>(&ss);
-      sin->sin_family = AF_INET;
-      sin->sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-      len = sizeof(*sin);
-    }
-    if (fd_ < 0 || bind(fd_, reinterpret_cast<sockaddr *>(&ss), len) != 0 ||
-        getsockname(fd_, reinterpret_cast<sockaddr *>(&ss), &len) != 0) {
-      return;
-    }
-    port_ = ntohs(reinterpret_cast<sockaddr_in *>(&ss)->sin_port);
-    thread_ = std::thread([this] { run(); });
-  }
-
-  ~DnsPeer() {
-    stop_ = true;
-    if (thread_.joinable()) thread_.join();
-    if (fd_ >= 0) close(fd_);
+  explicit DnsPeer(Script script, bool v6 = false)
+      : script_(std::move(script)), v6_(v6), udp_(v6) {
+    if (udp_.port() == 0) return;
+    udp_.run([this](UdpPeer &udp) {
+      std::string query;
+      while (!udp.stopping()) {
+        if (!udp.recv(&query)) continue;
+        for (const auto &datagram : script_(query)) udp.send(datagram);
+      }
+    });
   }
   DnsPeer(const DnsPeer &) = delete;
   DnsPeer &operator=(const DnsPeer &) = delete;
 
-  uint16_t port() const { return port_; }
+  uint16_t port() const { return udp_.port(); }
   // The resolver file's line for this server.
   std::string nameserver_line() const {
-    return std::string("nameserver ") + (v6_ ? "[::1]:" : "127.0.0.1:") + std::to_string(port_) +
+    return std::string("nameserver ") + (v6_ ? "[::1]:" : "127.0.0.1:") + std::to_string(port()) +
            "\n";
   }
-  std::vector<std::string> queries() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return queries_;
-  }
+  std::vector<std::string> queries() const { return udp_.received(); }
   size_t query_count() const { return queries().size(); }
   // Waits up to a second for |n| queries to have arrived; the count then.
   size_t wait_for_queries(size_t n) const {
@@ -182,43 +158,13 @@ class DnsPeer {
     return query_count();
   }
   // The source port of each query, in arrival order.
-  std::vector<uint16_t> source_ports() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return source_ports_;
-  }
+  std::vector<uint16_t> source_ports() const { return udp_.sender_ports(); }
 
  private:
-  void run() {
-    while (!stop_) {
-      pollfd p = {fd_, POLLIN, 0};
-      if (poll(&p, 1, 20) <= 0) continue;
-      char buf[4096];
-      sockaddr_storage from;
-      socklen_t from_len = sizeof(from);
-      ssize_t n = recvfrom(fd_, buf, sizeof(buf), 0, reinterpret_cast<sockaddr *>(&from), &from_len);
-      if (n < 0) continue;
-      std::string query(buf, static_cast<size_t>(n));
-      {
-        std::lock_guard<std::mutex> lock(mutex_);
-        queries_.push_back(query);
-        source_ports_.push_back(ntohs(reinterpret_cast<sockaddr_in *>(&from)->sin_port));
-      }
-      for (const auto &datagram : script_(query)) {
-        sendto(fd_, datagram.data(), datagram.size(), 0, reinterpret_cast<sockaddr *>(&from),
-               from_len);
-      }
-    }
-  }
-
   Script script_;
   bool v6_;
-  int fd_ = -1;
-  uint16_t port_ = 0;
-  std::atomic<bool> stop_{false};
-  std::thread thread_;
-  mutable std::mutex mutex_;
-  std::vector<std::string> queries_;
-  std::vector<uint16_t> source_ports_;
+  // Last, so that its thread ends before the script goes.
+  UdpPeer udp_;
 };
 
 // A script that answers every query with the one reply |make| builds.

@@ -16,6 +16,22 @@ namespace quarry {
 constexpr int kWaitReadable = 1;
 constexpr int kWaitWritable = 2;
 
+constexpr long long kMsPerSecond = 1000;
+
+// Milliseconds on CLOCK_MONOTONIC, for deadlines that the wall clock's
+// steps cannot move.
+long long monotonic_ms();
+
+// Waits until |fd| is ready in a direction of |mode| (both bits: either)
+// or |timeout_ms| have passed, whatever the descriptor's number. Signals
+// neither end nor stretch the wait. Returns what select returns for one
+// descriptor: the number of directions ready, 0 when the time ran out, -1
+// with errno (EBADF for a negative or closed descriptor, EINVAL for a
+// negative time-out). Without a direction it only sleeps.
+int wait_ready(int fd, int mode, long long timeout_ms);
+// The same wait, but a signal ends it: -1 with errno EINTR.
+int wait_once(int fd, int mode, long long timeout_ms);
+
 // DNS query types and class the connect code asks the own resolver for.
 constexpr int kDnsTypeA = 1;
 constexpr int kDnsTypeAAAA = 28;

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/select.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <unistd.h>
@@ -18,6 +19,11 @@ namespace {
 constexpr int kReadable = 1;
 constexpr int kWritable = 2;
 constexpr int kSignalEveryUs = 50000;
+constexpr int kTimeoutMs = 1000;
+constexpr int kToleranceMs = 10;
+// Generous: a busy machine or an emulator runs late, but a wait that
+// starts over after each signal would never end at all.
+constexpr int kLateToleranceMs = 1500;
 
 // A connected pair of stream sockets: [0] is waited on, [1] is the far end.
 class Select : public ::testing::Test {
@@ -88,10 +94,68 @@ TEST(SelectArguments, NegativeDescriptorIsRefused) {
   EXPECT_EQ(errno, EBADF);
 }
 
-TEST(SelectArguments, DescriptorBeyondTheSetIsRefused) {
-  errno = 0;
-  EXPECT_EQ(dl_select(FD_SETSIZE, kReadable, 1), -1);
-  EXPECT_EQ(errno, EINVAL);
+TEST_F(Select, BothDirectionsReadyCountTwice) {
+  ASSERT_EQ(write(fds_[1], "x", 1), 1);
+  EXPECT_EQ(dl_select(fds_[0], kReadable | kWritable, 1), 2);
+}
+
+TEST_F(Select, ClosedFarEndIsReadable) {
+  close(fds_[1]);
+  fds_[1] = -1;
+  EXPECT_EQ(dl_select(fds_[0], kReadable, 1), 1);
+}
+
+TEST(SelectArguments, ModeZeroDoesNotLookAtTheDescriptor) {
+  int fds[2];
+  ASSERT_EQ(pipe(fds), 0);
+  close(fds[0]);
+  close(fds[1]);
+  EXPECT_EQ(dl_select(fds[0], 0, 0), 0);
+}
+
+// A hang-up is news for a reader only: a writer's wait runs to its end.
+TEST(SelectPipe, HungUpReadEndNeverBecomesWritable) {
+  int fds[2];
+  ASSERT_EQ(pipe(fds), 0);
+  close(fds[1]);
+  EXPECT_EQ(dl_select(fds[0], kWritable, 1), 0);
+  EXPECT_EQ(dl_select(fds[0], kReadable | kWritable, 1), 1);
+  close(fds[0]);
+}
+
+// Descriptors from FD_SETSIZE on are waited on like any other.
+class SelectHighDescriptor : public Select {
+ protected:
+  void SetUp() override {
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &saved_), 0);
+    if (saved_.rlim_max <= kHigh) GTEST_SKIP() << "descriptor limit too low";
+    rlimit raised = saved_;
+    if (raised.rlim_cur <= kHigh) raised.rlim_cur = kHigh + 1;
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &raised), 0);
+    Select::SetUp();
+    ASSERT_EQ(dup2(fds_[0], kHigh), kHigh);
+    close(fds_[0]);
+    fds_[0] = kHigh;
+  }
+  void TearDown() override {
+    Select::TearDown();
+    setrlimit(RLIMIT_NOFILE, &saved_);
+  }
+  static constexpr int kHigh = FD_SETSIZE + 5;
+  rlimit saved_ = {};
+};
+
+TEST_F(SelectHighDescriptor, ReadableIsReady) {
+  ASSERT_EQ(write(fds_[1], "x", 1), 1);
+  EXPECT_EQ(dl_select(fds_[0], kReadable, 1), 1);
+}
+
+TEST_F(SelectHighDescriptor, NothingToReadTimesOut) {
+  EXPECT_EQ(dl_select(fds_[0], kReadable, 1), 0);
+}
+
+TEST_F(SelectHighDescriptor, WritableIsReady) {
+  EXPECT_EQ(dl_select(fds_[0], kWritable, 1), 1);
 }
 
 // Signals arrive every 50 ms while the wait runs; select is interrupted
@@ -121,8 +185,13 @@ class SelectUnderSignals : public Select {
 std::atomic<int> SelectUnderSignals::signals_{0};
 
 TEST_F(SelectUnderSignals, InterruptedWaitRunsOnToTheTimeout) {
+  auto start = std::chrono::steady_clock::now();
   EXPECT_EQ(dl_select(fds_[0], kReadable, 1), 0);
+  auto took = std::chrono::steady_clock::now() - start;
   EXPECT_GT(signals_.load(), 0);
+  // Neither cut short nor stretched by the signals.
+  EXPECT_GE(took, std::chrono::milliseconds(kTimeoutMs - kToleranceMs));
+  EXPECT_LT(took, std::chrono::milliseconds(kTimeoutMs + kLateToleranceMs));
 }
 
 TEST_F(SelectUnderSignals, InterruptedWaitStillSeesDataArrive) {

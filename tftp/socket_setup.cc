@@ -99,10 +99,10 @@ int set_up_by_getaddrinfo(dl_tftp_conn *conn, const char *host, int port, bool i
 
 int set_up_socket(dl_tftp_conn *conn, const char *host, int port) {
   srand(static_cast<unsigned>(time(nullptr)));
-  bool ipv6 = cfg_read(&dl_config::ipv6_enable) != 0;
-  bool own = cfg_read(&dl_config::use_own_resolver) != 0;
-  return own ? set_up_by_own_resolver(conn, host, port, ipv6)
-             : set_up_by_getaddrinfo(conn, host, port, ipv6);
+  const TransferSettings settings = transfer_settings();
+  const bool ipv6 = settings.ipv6_enable != 0;
+  return settings.use_own_resolver ? set_up_by_own_resolver(conn, host, port, ipv6)
+                                   : set_up_by_getaddrinfo(conn, host, port, ipv6);
 }
 
 }  // namespace tftp

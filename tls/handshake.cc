@@ -4,11 +4,10 @@
 #include <errno.h>
 #include <openssl/err.h>
 #include <openssl/ssl.h>
-#include <poll.h>
 #include <string.h>
-#include <time.h>
 
 #include "core/core.h"
+#include "net/net.h"
 #include "tls/tls.h"
 
 namespace {
@@ -18,14 +17,6 @@ constexpr long long kWaitMs = 3000;
 // Beyond the configured time-out, what the whole handshake may take: a
 // peer that trickles a byte now and then would otherwise hold it forever.
 constexpr long long kExtraBoundMs = 3000;
-constexpr long long kMsPerSecond = 1000;
-constexpr long long kNsPerMs = 1000000;
-
-long long now_ms() {
-  timespec ts;
-  clock_gettime(CLOCK_MONOTONIC, &ts);
-  return static_cast<long long>(ts.tv_sec) * kMsPerSecond + ts.tv_nsec / kNsPerMs;
-}
 
 // The alerts that say the server refused the handshake or a certificate:
 // handshake failure, no, bad, unsupported, revoked, expired or unknown
@@ -70,22 +61,17 @@ int wait_failed() {
 
 // Waits until the socket is readable, for 3 seconds at most and not past
 // |deadline|. Readable only, also when OpenSSL wants to write: the peer's
-// answer is what the handshake waits for. Returns poll's result, 0 when
-// the time ran out.
+// answer is what the handshake waits for. Returns the wait's result, 0
+// when the time ran out.
 int wait_for_peer(int fd, long long deadline) {
-  long long until = now_ms() + kWaitMs;
-  const bool cut_by_bound = until >= deadline;
-  if (cut_by_bound) until = deadline;
-  for (;;) {
-    long long left = until - now_ms();
-    if (left < 0) left = 0;
-    pollfd pfd = {fd, POLLIN, 0};
-    int ret = poll(&pfd, 1, static_cast<int>(left));
-    if (ret < 0 && errno == EINTR) continue;
-    // The log line names errno; say why the bound ended the wait.
-    if (ret == 0 && cut_by_bound) errno = ETIMEDOUT;
-    return ret;
-  }
+  long long wait_ms = deadline - quarry::monotonic_ms();
+  const bool cut_by_bound = wait_ms <= kWaitMs;
+  if (!cut_by_bound) wait_ms = kWaitMs;
+  if (wait_ms < 0) wait_ms = 0;
+  int ret = quarry::wait_ready(fd, quarry::kWaitReadable, wait_ms);
+  // The log line names errno; say why the bound ended the wait.
+  if (ret == 0 && cut_by_bound) errno = ETIMEDOUT;
+  return ret;
 }
 
 }  // namespace
@@ -94,7 +80,7 @@ namespace quarry {
 
 int tls_handshake(SSL *ssl, int verify, int timeout_s) {
   if (timeout_s < 0) timeout_s = 0;
-  const long long deadline = now_ms() + timeout_s * kMsPerSecond + kExtraBoundMs;
+  const long long deadline = monotonic_ms() + timeout_s * kMsPerSecond + kExtraBoundMs;
   for (;;) {
     ERR_clear_error();
     int ret = SSL_connect(ssl);
@@ -106,7 +92,7 @@ int tls_handshake(SSL *ssl, int verify, int timeout_s) {
       libq_log(kModCommon, kLogInfo, "SSL_connect write/read error\n");
       return DL_ERR_CONNECT;
     }
-    if (now_ms() >= deadline) {
+    if (monotonic_ms() >= deadline) {
       errno = ETIMEDOUT;
       return wait_failed();
     }

@@ -45,8 +45,12 @@ bool wait_for(int fd, short events, int timeout_ms) {
 int bind_loopback(int type, bool ipv6, uint16_t *port) {
   int fd = socket(ipv6 ? AF_INET6 : AF_INET, type | SOCK_CLOEXEC, 0);
   if (fd < 0) return -1;
-  int one = 1;
-  setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof(one));
+  // Only TCP needs it (a port in TIME_WAIT); on UDP it would let the
+  // kernel hand out a port that another reusing socket already holds.
+  if (type == SOCK_STREAM) {
+    int one = 1;
+    setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof(one));
+  }
   sockaddr_storage ss;
   socklen_t len = loopback_address(ipv6, *port, &ss);
   if (bind(fd, reinterpret_cast<sockaddr *>(&ss), len) != 0) {

@@ -38,7 +38,9 @@ bool wait_readable(int fd, const std::atomic<bool> &stop, int timeout_ms = kStep
   return false;
 }
 
-bool wait_until(const std::atomic<bool> &flag, int timeout_ms) {
+}  // namespace
+
+bool wait_for_flag(const std::atomic<bool> &flag, int timeout_ms) {
   auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
   while (!flag) {
     if (std::chrono::steady_clock::now() > deadline) return false;
@@ -46,8 +48,6 @@ bool wait_until(const std::atomic<bool> &flag, int timeout_ms) {
   }
   return true;
 }
-
-}  // namespace
 
 Step read_until(const std::string &marker) { return make(Step::kReadUntil, marker); }
 Step read_bytes(size_t count) { return make(Step::kReadBytes, {}, count); }
@@ -79,7 +79,7 @@ void TcpPeer::add(Script script) {
 
 void TcpPeer::start() { thread_ = std::thread(&TcpPeer::run, this); }
 
-bool TcpPeer::wait(int timeout_ms) { return wait_until(done_, timeout_ms); }
+bool TcpPeer::wait(int timeout_ms) { return wait_for_flag(done_, timeout_ms); }
 
 std::string TcpPeer::received(size_t n) const {
   std::lock_guard<std::mutex> lock(mutex_);
@@ -158,59 +158,6 @@ ScriptEnd play_script(const Script &script, const PeerIo &io, const std::atomic<
     }
   }
   return ScriptEnd::kDone;
-}
-
-// ---------------------------------------------------------------- UDP ----
-
-UdpPeer::UdpPeer(bool ipv6) : ipv6_(ipv6) { fd_ = bind_loopback(SOCK_DGRAM, ipv6, &port_); }
-
-UdpPeer::~UdpPeer() {
-  stop_ = true;
-  if (thread_.joinable()) thread_.join();
-  if (fd_ >= 0) close(fd_);
-}
-
-void UdpPeer::set_script(Script script) { script_ = std::move(script); }
-
-void UdpPeer::start() { thread_ = std::thread(&UdpPeer::run, this); }
-
-bool UdpPeer::wait(int timeout_ms) { return wait_until(done_, timeout_ms); }
-
-std::vector<std::string> UdpPeer::datagrams() const {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return datagrams_;
-}
-
-void UdpPeer::run() {
-  int fd = fd_;
-  sockaddr_storage from;
-  socklen_t from_len = 0;
-  for (const Step &step : script_) {
-    if (stop_) break;
-    if (step.kind == Step::kReadBytes || step.kind == Step::kReadUntil) {
-      if (!wait_readable(fd, stop_)) break;
-      char buf[65536];
-      from_len = sizeof(from);
-      ssize_t n = recvfrom(fd, buf, sizeof(buf), 0, reinterpret_cast<sockaddr *>(&from), &from_len);
-      if (n < 0) break;
-      std::lock_guard<std::mutex> lock(mutex_);
-      datagrams_.emplace_back(buf, static_cast<size_t>(n));
-    } else if (step.kind == Step::kSend) {
-      if (from_len == 0) continue;
-      sendto(fd, step.data.data(), step.data.size(), 0, reinterpret_cast<sockaddr *>(&from),
-             from_len);
-    } else if (step.kind == Step::kSleep) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(step.count));
-    } else if (step.kind == Step::kSwitchPort) {
-      uint16_t unused = 0;
-      int fresh = bind_loopback(SOCK_DGRAM, ipv6_, &unused);
-      if (fresh < 0) break;
-      if (fd != fd_) close(fd);
-      fd = fresh;
-    }
-  }
-  if (fd != fd_) close(fd);
-  done_ = true;
 }
 
 }  // namespace quarry_test

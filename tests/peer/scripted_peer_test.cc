@@ -8,7 +8,9 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -118,6 +120,56 @@ TEST(UdpPeer, AnswersFromAFreshPortAfterSwitch) {
   ASSERT_EQ(peer.datagrams().size(), 1u);
   EXPECT_EQ(peer.datagrams()[0], "req");
   close(fd);
+}
+
+// A datagram socket on ::1 that sends |data| to |port|; returns it.
+int send_from_v6(uint16_t port, const std::string &data) {
+  int fd = socket(AF_INET6, SOCK_DGRAM, 0);
+  sockaddr_in6 to = {};
+  to.sin6_family = AF_INET6;
+  to.sin6_addr = in6addr_loopback;
+  to.sin6_port = htons(port);
+  sendto(fd, data.data(), data.size(), 0, reinterpret_cast<sockaddr *>(&to), sizeof(to));
+  return fd;
+}
+
+uint16_t local_port(int fd) {
+  sockaddr_in6 me = {};
+  socklen_t len = sizeof(me);
+  getsockname(fd, reinterpret_cast<sockaddr *>(&me), &len);
+  return ntohs(me.sin6_port);
+}
+
+TEST(UdpPeer, FunctionAnswersEachSenderAndRecordsItsPort) {
+  UdpPeer peer(true);
+  peer.run([](UdpPeer &p) {
+    std::string got;
+    while (p.recv(&got, 2000)) p.send("re:" + got);
+  });
+  int a = send_from_v6(peer.port(), "one");
+  int b = send_from_v6(peer.port(), "two");
+  char buf[16];
+  ASSERT_EQ(recv(a, buf, sizeof(buf), 0), 6);
+  EXPECT_EQ(std::string(buf, 6), "re:one");
+  ASSERT_EQ(recv(b, buf, sizeof(buf), 0), 6);
+  EXPECT_EQ(std::string(buf, 6), "re:two");
+  EXPECT_EQ(peer.received(), (std::vector<std::string>{"one", "two"}));
+  EXPECT_EQ(peer.sender_ports(), (std::vector<uint16_t>{local_port(a), local_port(b)}));
+  EXPECT_EQ(peer.sender_port(), local_port(b));
+  close(a);
+  close(b);
+}
+
+TEST(UdpPeer, DestructionEndsAFunctionServingForever) {
+  auto start = std::chrono::steady_clock::now();
+  {
+    UdpPeer peer;
+    peer.run([](UdpPeer &p) {
+      std::string got;
+      while (!p.stopping()) p.recv(&got);
+    });
+  }
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
 }
 
 }  // namespace

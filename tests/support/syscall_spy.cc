@@ -3,6 +3,7 @@
 #include <dlfcn.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -12,6 +13,11 @@ namespace quarry_test {
 namespace {
 
 thread_local SyscallSpy *t_spy = nullptr;
+
+// The name a libc function is linked under: with 64-bit time on a 32-bit
+// system some are redirected by macro (ppoll to __ppoll64).
+#define QUARRY_LINKED_NAME(fn) QUARRY_LINKED_NAME_TEXT(fn)
+#define QUARRY_LINKED_NAME_TEXT(fn) #fn
 
 template <typename Fn>
 Fn next_symbol(const char *name) {
@@ -60,6 +66,13 @@ struct SpyAccess {
     if (t_spy != nullptr) ++t_spy->select_calls_;
     return real(n, r, w, e, tv);
   }
+
+  static int ppoll(pollfd *fds, nfds_t n, const timespec *ts, const sigset_t *mask) {
+    using Fn = int (*)(pollfd *, nfds_t, const timespec *, const sigset_t *);
+    static const Fn real = next_symbol<Fn>(QUARRY_LINKED_NAME(ppoll));
+    if (t_spy != nullptr) ++t_spy->ppoll_calls_;
+    return real(fds, n, ts, mask);
+  }
 };
 
 SyscallSpy::SyscallSpy() { t_spy = this; }
@@ -79,6 +92,10 @@ int connect(int fd, const sockaddr *addr, socklen_t len) {
 
 int select(int n, fd_set *r, fd_set *w, fd_set *e, timeval *tv) {
   return quarry_test::SpyAccess::select(n, r, w, e, tv);
+}
+
+int ppoll(pollfd *fds, nfds_t n, const timespec *ts, const sigset_t *mask) {
+  return quarry_test::SpyAccess::ppoll(fds, n, ts, mask);
 }
 
 }  // extern "C"

@@ -1,4 +1,4 @@
-// Stand-ins for socket, connect and select that a test program links in
+// Stand-ins for socket, connect, select and ppoll that a test program links in
 // to watch and bend what the library asks of the kernel. Link
 // syscall_spy.cc into that one test only: it replaces libc's functions
 // for the whole program. Calls pass straight through, except on a thread
@@ -16,7 +16,8 @@ class SyscallSpy {
   SyscallSpy(const SyscallSpy &) = delete;
   SyscallSpy &operator=(const SyscallSpy &) = delete;
 
-  int select_calls() const { return select_calls_; }
+  // Readiness waits of either kind, select or ppoll.
+  int wait_calls() const { return select_calls_ + ppoll_calls_; }
   int socket_calls() const { return socket_calls_; }
   int connect_calls() const { return connect_calls_; }
 
@@ -33,6 +34,7 @@ class SyscallSpy {
  private:
   friend struct SpyAccess;
   int select_calls_ = 0;
+  int ppoll_calls_ = 0;
   int socket_calls_ = 0;
   int connect_calls_ = 0;
   int socket_errno_ = 0;
