@@ -96,7 +96,7 @@ TEST_F(BodyRead, ReplyToARequestIsWaitedForBeforeItIsReceived) {
   EXPECT_EQ(body(handle_.get(), 64), "ok");
   // One wait before the status line's receive; the rest comes from the
   // buffer.
-  EXPECT_EQ(spy.select_calls(), 1);
+  EXPECT_EQ(spy.wait_calls(), 1);
   EXPECT_EQ(handle_.heard(18), "GET / HTTP/1.1\r\n\r\n");
 }
 
@@ -111,7 +111,7 @@ TEST_F(BodyRead, RequestBehindABufferedReplyReadsItWithoutWaiting) {
   ASSERT_EQ(http_read_status(handle_.get()), 202);
   ASSERT_EQ(quarry::http_read_headers(handle_.get(), 202, &block_size_), 0);
   EXPECT_EQ(body(handle_.get(), 64), "second");
-  EXPECT_EQ(spy.select_calls(), 0);
+  EXPECT_EQ(spy.wait_calls(), 0);
 }
 
 TEST_F(BodyRead, LengthBodyInSmallPieces) {
