@@ -140,6 +140,10 @@ class ConcurrentTransfers : public ::testing::Test {
     ASSERT_NO_FATAL_FAILURE(rewrite_resolver_files(0));
     ASSERT_EQ(dl_set_option(DL_OPT_RESOLV_CONF_PATH, resolv_.c_str()), 0);
     ASSERT_EQ(dl_set_option(DL_OPT_HOSTS_PATH, hosts_.c_str()), 0);
+    // A new path is read at the next connect's change check, and TFTP makes
+    // no connect: a thread starting with TFTP must find the files loaded.
+    dl_dns_reload_resolv_conf();
+    ASSERT_EQ(dl_dns_reload_hosts_conf(), 0);
     set(DL_OPT_USE_OWN_RESOLVER, 1);
     set(DL_OPT_TIMEOUT, 10);
     set(DL_OPT_SSL_METHOD, 5);
