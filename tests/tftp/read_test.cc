@@ -30,6 +30,16 @@ class TftpRead : public TftpTest {
     if (last != nullptr) *last = n;
     return out;
   }
+  // Downloads |expected| from |peer| in 4 KiB reads, closes, and returns
+  // the packets the peer received (empty when the open failed).
+  std::vector<std::string> packets_after_reading(TftpPeer &peer, const std::string &expected) {
+    dl_tftp_conn *conn = open(peer);
+    if (conn == nullptr) return {};
+    EXPECT_EQ(read_all(conn, 4096), expected);
+    dl_tftp_close(conn);
+    EXPECT_TRUE(peer.wait());
+    return peer.received();
+  }
 };
 
 TEST_F(TftpRead, ServerWithoutOackIsReadWith512ByteBlocks) {
@@ -88,12 +98,7 @@ TEST_F(TftpRead, OackWithoutBlksizeFallsBackTo512) {
     p.send(data_pkt(2, file.substr(512)));
     p.recv_one();
   });
-  dl_tftp_conn *conn = open(peer);
-  ASSERT_NE(conn, nullptr);
-  EXPECT_EQ(read_all(conn, 4096), file);
-  dl_tftp_close(conn);
-  ASSERT_TRUE(peer.wait());
-  std::vector<std::string> got = peer.received();
+  std::vector<std::string> got = packets_after_reading(peer, file);
   ASSERT_EQ(got.size(), 4u);
   EXPECT_EQ(got[1], ack_pkt(0));
   EXPECT_TRUE(logged(6, "recv OACK\n"));
@@ -232,12 +237,7 @@ TEST_F(TftpRead, DuplicateDataIsAcknowledgedAgain) {
     p.send(data_pkt(2, file.substr(512)));
     p.recv_one();
   });
-  dl_tftp_conn *conn = open(peer);
-  ASSERT_NE(conn, nullptr);
-  EXPECT_EQ(read_all(conn, 4096), file);
-  dl_tftp_close(conn);
-  ASSERT_TRUE(peer.wait());
-  std::vector<std::string> got = peer.received();
+  std::vector<std::string> got = packets_after_reading(peer, file);
   ASSERT_EQ(got.size(), 4u);
   EXPECT_EQ(got[1], ack_pkt(1));
   EXPECT_EQ(got[2], ack_pkt(1));
@@ -291,12 +291,7 @@ TEST_F(TftpRead, TransferPortIsTakenFromEveryPacket) {
     p.send(data_pkt(2, file.substr(512)));
     p.recv_one();  // ACK 2, at the newest port
   });
-  dl_tftp_conn *conn = open(peer);
-  ASSERT_NE(conn, nullptr);
-  EXPECT_EQ(read_all(conn, 4096), file);
-  dl_tftp_close(conn);
-  ASSERT_TRUE(peer.wait());
-  std::vector<std::string> got = peer.received();
+  std::vector<std::string> got = packets_after_reading(peer, file);
   ASSERT_EQ(got.size(), 4u);
   EXPECT_EQ(got[3], ack_pkt(2));
 }
